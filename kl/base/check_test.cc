@@ -1,0 +1,22 @@
+#include "kl/base/check.h"
+
+#include <gtest/gtest.h>
+
+namespace kl {
+namespace {
+
+int positive(int v) {
+  KL_CHECK(v > 0);
+  return v;
+}
+
+TEST(CheckDeathTest, PrintsTheAssertionLineAndAborts) {
+  EXPECT_EXIT(positive(0), ::testing::KilledBySignal(SIGABRT),
+              "^.*kl/base/check_test\\.cc:[0-9]+: int kl::\\{anonymous\\}::positive\\(int\\): "
+              "Assertion `v > 0' failed\\.\n$");
+}
+
+TEST(Check, PassingCheckHasNoEffect) { EXPECT_EQ(positive(3), 3); }
+
+}  // namespace
+}  // namespace kl

@@ -1,0 +1,158 @@
+#include "kl/message/dump.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "kl/message/system.h"
+
+namespace kl {
+namespace {
+
+std::string dumpOf(const message& m, const char* prefix = "", unsigned int depth = 0) {
+  std::ostringstream out;
+  m.dump2(out, prefix, depth);
+  return out.str();
+}
+
+std::string dumperOf(const message& m, const char* prefix = "") {
+  char buf[4096];
+  Dumper d(buf, sizeof buf);
+  m.dump2(d, prefix, 0);
+  return std::string(d.data(), d.size());
+}
+
+const char kHeader[] = "--- kl::message --------\n";
+const char kFooter[] = "------------------------\n";
+
+TEST(Dump, EmptyMessageIsHeaderAndFooter) {
+  EXPECT_EQ(dumpOf(message()), std::string(kHeader) + kFooter);
+  EXPECT_EQ(dumperOf(message()), std::string(kHeader) + kFooter);
+}
+
+TEST(Dump, LinesInTheirOrder) {
+  message m;
+  IPAddr6 a;
+  a.bytes[0] = 0xfe;
+  a.bytes[1] = 0x80;
+  a.bytes[15] = 0x01;
+  m.insert(SYS_TO, {5, 7});
+  m.insert(SYS_FROM, {200});
+  m.insert_string_array(0xa0000004, {"x", "y"});
+  m.insert_u32_array(0x88000005, {});
+  m.insert_raw(0x30000006, {1, 2, 3});
+  m.insert_addr6(0x18000007, a);
+  m.insert_u64(0x10fd0008, 12345678901ull);
+  m.insert_string(STD_DESCR, "uplink");
+  m.insert(SYS_CMD, CMD_GETALL);
+  m.insert(SYS_REQID, 0x0a000001);
+  m.insert_bool(SYS_REPLYEXP, true);
+  EXPECT_EQ(dumpOf(m, ">"),
+            ">--- kl::message --------\n"
+            "> bool [SYS_REPLYEXP]=true\n"
+            "> u32 [SYS_REQID]=167772161 0xa000001 10.0.0.1\n"
+            "> u32 [SYS_CMD]=CMD_GETALL\n"
+            "> string [STD_DESCR]=uplink\n"
+            "> u64 [local(8)]=12345678901\n"
+            "> addr6 [global(7)]=fe:80:00:00:00:00:00:00:00:00:00:00:00:00:00:01\n"
+            "> raw [global(6)]=#3\n"
+            "> u32[] [global(5)]=\n"
+            "> string[] [global(4)]=x, y, \n"
+            "> u32[] [SYS_FROM]=200, \n"
+            "> u32[] [SYS_TO]=5(ID_5), 7, \n"
+            ">------------------------\n");
+}
+
+TEST(Dump, PathsNameTheirFirstHop) {
+  message m;
+  m.insert(SYS_TO, {1, 17});
+  m.insert(SYS_FROM, {24});
+  m.insert_u32_array(0x88000003, {1});
+  EXPECT_EQ(dumpOf(m),
+            std::string(kHeader) +
+                " u32[] [global(3)]=1, \n"
+                " u32[] [SYS_FROM]=24(ID_TIME), \n"
+                " u32[] [SYS_TO]=1(ID_LOADER), 17, \n" +
+                kFooter);
+}
+
+TEST(Dump, InstalledHandlerNamesReplaceTheBuiltIns) {
+  const char* names[kHandlerIdNameCount] = {};
+  names[5] = "ID_FIREWALL";
+  setHandlerIdNames(names);
+  EXPECT_STREQ(handlerIdName(5), "ID_FIREWALL");
+  EXPECT_STREQ(handlerIdName(1), "ID_LOADER");  // null entry keeps the built-in
+  setHandlerIdNames(nullptr);
+  EXPECT_STREQ(handlerIdName(5), "ID_5");
+  EXPECT_STREQ(handlerIdName(109), "ID_109");
+  EXPECT_EQ(handlerIdName(110), nullptr);
+}
+
+TEST(Dump, NestedMessagesIndentFourSpacesPerLevel) {
+  message inner;
+  inner.insert_u32(1, 2);
+  message middle;
+  middle.insert_message(0x28000003, inner);
+  message outer;
+  outer.insert_message_array(0x28000004, {middle, message()});
+  EXPECT_EQ(dumpOf(outer, "#"),
+            "#--- kl::message --------\n"
+            "# message[] [global(4)]..\n"
+            "#    --- kl::message --------\n"
+            "#     message [global(3)]...\n"
+            "#        --- kl::message --------\n"
+            "#         u32 [global(1)]=2 0x2 0.0.0.2\n"
+            "#        ------------------------\n"
+            "#    ------------------------\n"
+            "#    --- kl::message --------\n"
+            "#    ------------------------\n"
+            "#------------------------\n");
+}
+
+TEST(Dump, DumperPrintsNumbersAsFixedWidthHex) {
+  message m;
+  m.insert_u64(0x10000001, 0x1234);
+  m.insert_u32_array(0x88000002, {255, 0xdeadbeef});
+  m.insert_u64_array(0x90000003, {1});
+  m.insert_bool_array(0x80000004, {true, false});
+  m.insert_raw_array(0xb0000005, {{1, 2}});
+  EXPECT_EQ(dumperOf(m),
+            std::string(kHeader) +
+                " u64 [global(1)]=0x0000000000001234\n"
+                " raw[] [global(5)]=#0x00000002, \n"
+                " bool[] [global(4)]=true, false, \n"
+                " u64[] [global(3)]=0x0000000000000001, \n"
+                " u32[] [global(2)]=0x000000ff, 0xdeadbeef, \n" +
+                kFooter);
+  EXPECT_EQ(dumpOf(m),
+            std::string(kHeader) +
+                " u64 [global(1)]=4660\n"
+                " raw[] [global(5)]=#2, \n"
+                " bool[] [global(4)]=true, false, \n"
+                " u64[] [global(3)]=1, \n"
+                " u32[] [global(2)]=255, 3735928559, \n" +
+                kFooter);
+}
+
+TEST(Dumper, TruncatesSilentlyAtCapacity) {
+  char buf[8];
+  Dumper d(buf, sizeof buf);
+  d << "abcd";
+  d.write("0123456789", 10);
+  EXPECT_EQ(std::string(d.data(), d.size()), "abcd0123");
+  d << "more";
+  d << 5u;
+  EXPECT_EQ(d.size(), 8u);
+}
+
+TEST(Dumper, NumberFormats) {
+  char buf[64];
+  Dumper d(buf, sizeof buf);
+  d << static_cast<unsigned char>(0xa5) << " " << 0x1fu << " " << 0xfedcba9876543210ull;
+  EXPECT_EQ(std::string(d.data(), d.size()), "a5 0x0000001f 0xfedcba9876543210");
+  d.clear();
+  EXPECT_EQ(d.size(), 0u);
+}
+
+}  // namespace
+}  // namespace kl

@@ -1,0 +1,439 @@
+#include "kl/message/message.h"
+
+#include <new>
+
+#include "kl/base/endian.h"
+#include "kl/message/rep.h"
+
+namespace kl {
+
+namespace {
+
+// The one empty representation that every default-constructed message shares. It is
+// constant-initialised (no start-up order problem for messages built by other static
+// initialisers) and never destroyed (no shutdown order problem either); its count starts
+// at 1 for the holder itself, so no handle ever brings it to zero or writes into it.
+union NilHolder {
+  constexpr NilHolder() : rep() {}
+  ~NilHolder() {}
+  message::Rep rep;
+};
+NilHolder nilHolder;
+
+message::Rep* nilRep() { return &nilHolder.rep; }
+
+void destroyList(message::litem* node) {
+  while (node != nullptr) {
+    message::litem* next = node->next;
+    visitItem(node, [](auto* it) { delete it; });
+    node = next;
+  }
+}
+
+// Copies node by node, linking each copy at the head: the copy runs in reverse order.
+message::litem* copyList(const message::litem* node) {
+  message::litem* head = nullptr;
+  for (; node != nullptr; node = node->next) {
+    message::litem* copy = visitItem(node, [](const auto* it) -> message::litem* {
+      return new std::remove_const_t<std::remove_pointer_t<decltype(it)> >(*it);
+    });
+    copy->next = head;
+    head = copy;
+  }
+  return head;
+}
+
+void release(message::Rep* rep) {
+  if (rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete rep;
+}
+
+void retain(message::Rep* rep) { rep->refs.fetch_add(1, std::memory_order_relaxed); }
+
+template <class V>
+V valueOr(const V* p, const V& dflt) {
+  return p != nullptr ? *p : dflt;
+}
+
+std::vector<unsigned int> swapped(std::vector<unsigned int> v) {
+  for (unsigned int& x : v) x = byteSwap32(x);
+  return v;
+}
+
+template <class V>
+unsigned int countOf(const V* array) {
+  return array != nullptr ? array->size() : 0;
+}
+
+constexpr uint32_t arrayOf(uint32_t id, uint32_t type) { return withType(id, kArrayBit | type); }
+
+}  // namespace
+
+message::Rep::~Rep() {
+  destroyList(fields);
+  destroyList(arrays);
+}
+
+// --- construction and sharing ---------------------------------------------------------------
+
+message::message() : rep_(nilRep()) { retain(rep_); }
+
+message::message(const message& other) : rep_(other.rep_) {
+  retain(rep_);
+  if (rep_->unshareable) clone();
+}
+
+message& message::operator=(const message& other) {
+  if (rep_ != other.rep_) {
+    Rep* old = rep_;
+    rep_ = other.rep_;
+    retain(rep_);
+    release(old);
+  }
+  if (rep_->unshareable) clone();
+  return *this;
+}
+
+message::message(const flat_message& flat) : message(flat.data(), flat.size()) {}
+
+message::message(const std::vector<unsigned char>& data) : message(data.data(), data.size()) {}
+
+message::message(const unsigned char* data, unsigned int len) : rep_(new Rep()) {
+  unflatten(data, len, flatten_full);
+}
+
+message& message::operator=(const flat_message& flat) {
+  message decoded(flat);
+  return *this = decoded;
+}
+
+message::~message() { release(rep_); }
+
+void message::unique() {
+  if (rep_->refs.load(std::memory_order_acquire) > 1) clone();
+}
+
+void message::clone() {
+  Rep* copy = new Rep();
+  const Rep* src = rep_;
+  copy->singleBoolId = src->singleBoolId;
+  copy->singleBoolValue = src->singleBoolValue;
+  if (src->bools) copy->bools.reset(new htable<bool>(*src->bools));
+  copy->u32s = src->u32s;
+  copy->fields = copyList(src->fields);
+  copy->arrays = copyList(src->arrays);
+  if (src->flatSide) copy->flatSide.reset(new Bytes(*src->flatSide));
+  release(rep_);
+  rep_ = copy;
+}
+
+void message::makeUnshareable() {
+  unique();
+  rep_->unshareable = true;
+}
+
+bool message::is_nil() const { return rep_ == nilRep(); }
+
+bool message::empty() const {
+  return rep_->boolCount() == 0 && rep_->u32s.count() == 0 && rep_->fields == nullptr &&
+         rep_->arrays == nullptr;
+}
+
+const std::vector<unsigned char>* message::passthrough() const { return rep_->flatSide.get(); }
+
+// --- bool -----------------------------------------------------------------------------------
+
+bool& message::Rep::boolRef(uint32_t id) {
+  if (!bools) {
+    if (singleBoolId == id) return singleBoolValue;
+    if (singleBoolId == kNoBool) {
+      singleBoolId = id;
+      singleBoolValue = false;
+      return singleBoolValue;
+    }
+    bools.reset(new htable<bool>());
+    bools->get_ref(singleBoolId) = singleBoolValue;
+    singleBoolId = kNoBool;
+  }
+  if (bool* found = bools->find(id)) return *found;
+  bool& value = bools->get_ref(id);
+  value = false;
+  return value;
+}
+
+const bool* message::get_bool_ref(uint32_t id) const {
+  id = withType(id, kTypeBool);
+  if (rep_->bools) return rep_->bools->find(id);
+  return rep_->singleBoolId == id ? &rep_->singleBoolValue : nullptr;
+}
+
+bool message::get_bool(uint32_t id, bool dflt) const { return valueOr(get_bool_ref(id), dflt); }
+
+bool& message::get_bool_ref(uint32_t id) {
+  makeUnshareable();
+  return rep_->boolRef(withType(id, kTypeBool));
+}
+
+void message::insert_bool(uint32_t id, bool value) {
+  unique();
+  rep_->boolRef(withType(id, kTypeBool)) = value;
+}
+
+unsigned int message::size_bool(uint32_t id) const { return get_bool_ref(id) != nullptr; }
+
+// --- u32 ------------------------------------------------------------------------------------
+
+const unsigned int* message::get_u32_ref(uint32_t id) const {
+  return rep_->u32s.find(withType(id, kTypeU32));
+}
+
+unsigned int message::get_u32(uint32_t id, unsigned int dflt) const {
+  return valueOr(get_u32_ref(id), dflt);
+}
+
+unsigned int message::get_be32(uint32_t id, unsigned int dflt) const {
+  const unsigned int* p = get_u32_ref(id);
+  return p != nullptr ? byteSwap32(*p) : dflt;
+}
+
+unsigned int& message::get_u32_ref(uint32_t id) {
+  makeUnshareable();
+  id = withType(id, kTypeU32);
+  if (unsigned int* found = rep_->u32s.find(id)) return *found;
+  unsigned int& value = rep_->u32s.get_ref(id);
+  value = 0;
+  return value;
+}
+
+void message::insert_u32(uint32_t id, unsigned int value) {
+  unique();
+  rep_->u32s.get_ref(withType(id, kTypeU32)) = value;
+}
+
+void message::insert_be32(uint32_t id, unsigned int value) { insert_u32(id, byteSwap32(value)); }
+
+unsigned int message::size_u32(uint32_t id) const { return get_u32_ref(id) != nullptr; }
+
+// --- other scalars --------------------------------------------------------------------------
+
+const unsigned long long* message::get_u64_ref(uint32_t id) const {
+  return findIn<unsigned long long>(rep_->fields, withType(id, kTypeU64));
+}
+const IPAddr6* message::get_addr6_ref(uint32_t id) const {
+  return findIn<IPAddr6>(rep_->fields, withType(id, kTypeAddr6));
+}
+const std::string* message::get_string_ref(uint32_t id) const {
+  return findIn<std::string>(rep_->fields, withType(id, kTypeString));
+}
+const Bytes* message::get_raw_ref(uint32_t id) const {
+  return findIn<Bytes>(rep_->fields, withType(id, kTypeRaw));
+}
+const flat_message* message::get_message_ref(uint32_t id) const {
+  return findIn<flat_message>(rep_->fields, withType(id, kTypeMessage));
+}
+
+unsigned long long message::get_u64(uint32_t id, unsigned long long dflt) const {
+  return valueOr(get_u64_ref(id), dflt);
+}
+IPAddr6 message::get_addr6(uint32_t id, const IPAddr6& dflt) const {
+  return valueOr(get_addr6_ref(id), dflt);
+}
+IPAddr6 message::get_addr6(uint32_t id) const { return get_addr6(id, IPAddr6()); }
+std::string message::get_string(uint32_t id, const std::string& dflt) const {
+  return valueOr(get_string_ref(id), dflt);
+}
+Bytes message::get_raw(uint32_t id, const Bytes& dflt) const {
+  return valueOr(get_raw_ref(id), dflt);
+}
+flat_message message::get_message(uint32_t id, const flat_message& dflt) const {
+  return valueOr(get_message_ref(id), dflt);
+}
+
+unsigned long long& message::get_u64_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<unsigned long long>(rep_->fields, withType(id, kTypeU64));
+}
+IPAddr6& message::get_addr6_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<IPAddr6>(rep_->fields, withType(id, kTypeAddr6));
+}
+std::string& message::get_string_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<std::string>(rep_->fields, withType(id, kTypeString));
+}
+Bytes& message::get_raw_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<Bytes>(rep_->fields, withType(id, kTypeRaw));
+}
+flat_message& message::get_message_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<flat_message>(rep_->fields, withType(id, kTypeMessage));
+}
+
+void message::insert_u64(uint32_t id, unsigned long long value) {
+  unique();
+  findOrCreateIn<unsigned long long>(rep_->fields, withType(id, kTypeU64)) = value;
+}
+void message::insert_addr6(uint32_t id, const IPAddr6& value) {
+  unique();
+  findOrCreateIn<IPAddr6>(rep_->fields, withType(id, kTypeAddr6)) = value;
+}
+void message::insert_string(uint32_t id, const std::string& value) {
+  unique();
+  findOrCreateIn<std::string>(rep_->fields, withType(id, kTypeString)) = value;
+}
+void message::insert_raw(uint32_t id, const Bytes& value) {
+  unique();
+  findOrCreateIn<Bytes>(rep_->fields, withType(id, kTypeRaw)) = value;
+}
+void message::insert_message(uint32_t id, const flat_message& value) {
+  unique();
+  findOrCreateIn<flat_message>(rep_->fields, withType(id, kTypeMessage)) = value;
+}
+
+unsigned int message::size_field(uint32_t id) const {
+  for (const litem* n = rep_->fields; n != nullptr; n = n->next) {
+    if (n->id == id) return 1;
+  }
+  return 0;
+}
+
+// --- arrays ---------------------------------------------------------------------------------
+
+const std::vector<bool>* message::get_bool_array_ref(uint32_t id) const {
+  return findIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool));
+}
+const std::vector<unsigned int>* message::get_u32_array_ref(uint32_t id) const {
+  return findIn<std::vector<unsigned int> >(rep_->arrays, arrayOf(id, kTypeU32));
+}
+const std::vector<unsigned long long>* message::get_u64_array_ref(uint32_t id) const {
+  return findIn<std::vector<unsigned long long> >(rep_->arrays, arrayOf(id, kTypeU64));
+}
+const std::vector<IPAddr6>* message::get_addr6_array_ref(uint32_t id) const {
+  return findIn<std::vector<IPAddr6> >(rep_->arrays, arrayOf(id, kTypeAddr6));
+}
+const std::vector<std::string>* message::get_string_array_ref(uint32_t id) const {
+  return findIn<std::vector<std::string> >(rep_->arrays, arrayOf(id, kTypeString));
+}
+const std::vector<Bytes>* message::get_raw_array_ref(uint32_t id) const {
+  return findIn<std::vector<Bytes> >(rep_->arrays, arrayOf(id, kTypeRaw));
+}
+const std::vector<flat_message>* message::get_message_array_ref(uint32_t id) const {
+  return findIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage));
+}
+
+std::vector<bool> message::get_bool_array(uint32_t id) const {
+  return valueOr(get_bool_array_ref(id), {});
+}
+std::vector<unsigned int> message::get_u32_array(uint32_t id) const {
+  return valueOr(get_u32_array_ref(id), {});
+}
+std::vector<unsigned int> message::get_be32_array(uint32_t id) const {
+  return swapped(get_u32_array(id));
+}
+std::vector<unsigned long long> message::get_u64_array(uint32_t id) const {
+  return valueOr(get_u64_array_ref(id), {});
+}
+std::vector<IPAddr6> message::get_addr6_array(uint32_t id) const {
+  return valueOr(get_addr6_array_ref(id), {});
+}
+std::vector<std::string> message::get_string_array(uint32_t id) const {
+  return valueOr(get_string_array_ref(id), {});
+}
+std::vector<Bytes> message::get_raw_array(uint32_t id) const {
+  return valueOr(get_raw_array_ref(id), {});
+}
+std::vector<flat_message> message::get_message_array(uint32_t id) const {
+  return valueOr(get_message_array_ref(id), {});
+}
+
+std::vector<bool>& message::get_bool_array_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool));
+}
+std::vector<unsigned int>& message::get_u32_array_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<std::vector<unsigned int> >(rep_->arrays, arrayOf(id, kTypeU32));
+}
+std::vector<unsigned long long>& message::get_u64_array_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<std::vector<unsigned long long> >(rep_->arrays, arrayOf(id, kTypeU64));
+}
+std::vector<IPAddr6>& message::get_addr6_array_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<std::vector<IPAddr6> >(rep_->arrays, arrayOf(id, kTypeAddr6));
+}
+std::vector<std::string>& message::get_string_array_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<std::vector<std::string> >(rep_->arrays, arrayOf(id, kTypeString));
+}
+std::vector<Bytes>& message::get_raw_array_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<std::vector<Bytes> >(rep_->arrays, arrayOf(id, kTypeRaw));
+}
+std::vector<flat_message>& message::get_message_array_ref(uint32_t id) {
+  makeUnshareable();
+  return findOrCreateIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage));
+}
+
+void message::insert_bool_array(uint32_t id, const std::vector<bool>& value) {
+  unique();
+  findOrCreateIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool)) = value;
+}
+void message::insert_u32_array(uint32_t id, const std::vector<unsigned int>& value) {
+  unique();
+  findOrCreateIn<std::vector<unsigned int> >(rep_->arrays, arrayOf(id, kTypeU32)) = value;
+}
+void message::insert_be32_array(uint32_t id, const std::vector<unsigned int>& value) {
+  insert_u32_array(id, swapped(value));
+}
+void message::insert_u64_array(uint32_t id, const std::vector<unsigned long long>& value) {
+  unique();
+  findOrCreateIn<std::vector<unsigned long long> >(rep_->arrays, arrayOf(id, kTypeU64)) = value;
+}
+void message::insert_addr6_array(uint32_t id, const std::vector<IPAddr6>& value) {
+  unique();
+  findOrCreateIn<std::vector<IPAddr6> >(rep_->arrays, arrayOf(id, kTypeAddr6)) = value;
+}
+void message::insert_string_array(uint32_t id, const std::vector<std::string>& value) {
+  unique();
+  findOrCreateIn<std::vector<std::string> >(rep_->arrays, arrayOf(id, kTypeString)) = value;
+}
+void message::insert_raw_array(uint32_t id, const std::vector<Bytes>& value) {
+  unique();
+  findOrCreateIn<std::vector<Bytes> >(rep_->arrays, arrayOf(id, kTypeRaw)) = value;
+}
+void message::insert_message_array(uint32_t id, const std::vector<flat_message>& value) {
+  unique();
+  findOrCreateIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage)) = value;
+}
+
+unsigned int message::size_bool_array(uint32_t id) const {
+  return countOf(get_bool_array_ref(id));
+}
+unsigned int message::size_unsigned_array(uint32_t id) const {
+  return countOf(get_u32_array_ref(id));
+}
+unsigned int message::size_u64_array(uint32_t id) const {
+  return countOf(get_u64_array_ref(id));
+}
+unsigned int message::size_addr6_array(uint32_t id) const {
+  return countOf(get_addr6_array_ref(id));
+}
+unsigned int message::size_string_array(uint32_t id) const {
+  return countOf(get_string_array_ref(id));
+}
+unsigned int message::size_raw_array(uint32_t id) const {
+  return countOf(get_raw_array_ref(id));
+}
+unsigned int message::size_message_array(uint32_t id) const {
+  return countOf(get_message_array_ref(id));
+}
+
+bool message::has_array(uint32_t id) const {
+  for (const litem* n = rep_->arrays; n != nullptr; n = n->next) {
+    if (n->id == id) return true;
+  }
+  return false;
+}
+
+}  // namespace kl

@@ -1,0 +1,343 @@
+// kl-msg: encodes, decodes and dumps kl messages from the command line.
+//
+//   kl-msg decode [--hex | --raw] [FILE]     print a flattened message as the dump
+//   kl-msg encode [--raw] FIELD...           build a message and write its encoding
+//
+// A malformed input gets one line on the error stream and exit status 1.
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "kl/message/dump.h"
+#include "kl/message/message.h"
+#include "kl/message/system.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+const char kUsage[] =
+    "usage: kl-msg decode [--hex | --raw] [FILE]\n"
+    "       kl-msg encode [--raw] FIELD...\n"
+    "\n"
+    "decode  reads a flattened message from FILE (or standard input when FILE is\n"
+    "        absent or -) and prints it in the dump form. The input is taken as hex\n"
+    "        text when it holds only hex digits and white space, else as raw bytes;\n"
+    "        --hex and --raw force one reading.\n"
+    "encode  builds a message from FIELDs and writes its encoding to standard\n"
+    "        output as hex text, or as raw bytes with --raw.\n"
+    "\n"
+    "FIELD is TYPE:ID=VALUE, with\n"
+    "  TYPE   bool, u32, u64, addr6, string, raw or message; TYPE[] for an array,\n"
+    "         whose VALUE lists the elements separated by commas\n"
+    "  ID     a field number (decimal or 0x hex; the type bits are added) or a field\n"
+    "         name such as SYS_CMD or STD_DESCR\n"
+    "  VALUE  bool: true or false; u32, u64: a number; addr6: an IPv6 address;\n"
+    "         string: the text; raw, message: hex bytes (a message as flattened)\n"
+    "         u32 values may also be command, error or type names (CMD_GETALL)\n"
+    "\n"
+    "example: kl-msg encode 'u32[]:SYS_TO=5' u32:SYS_CMD=CMD_GETALL string:3=ab\n";
+
+int fail(const std::string& text) {
+  std::cerr << "kl-msg: " << text << std::endl;
+  return 1;
+}
+
+bool isHexText(const Bytes& input) {
+  size_t digits = 0;
+  for (unsigned char c : input) {
+    if (isxdigit(c)) {
+      ++digits;
+    } else if (!isspace(c)) {
+      return false;
+    }
+  }
+  return digits % 2 == 0;
+}
+
+bool parseHex(const std::string& text, Bytes* out) {
+  out->clear();
+  std::string digits;
+  for (char c : text) {
+    if (isxdigit(static_cast<unsigned char>(c))) {
+      digits += c;
+    } else if (!isspace(static_cast<unsigned char>(c))) {
+      return false;
+    }
+  }
+  if (digits.size() % 2 != 0) return false;
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    out->push_back(static_cast<unsigned char>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  }
+  return true;
+}
+
+bool readAll(const char* path, Bytes* out) {
+  FILE* f = (path == nullptr || strcmp(path, "-") == 0) ? stdin : fopen(path, "rb");
+  if (f == nullptr) return false;
+  unsigned char buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out->insert(out->end(), buf, buf + n);
+  const bool ok = !ferror(f);
+  if (f != stdin) fclose(f);
+  return ok;
+}
+
+int decodeCommand(int argc, char** argv) {
+  enum { kAuto, kHex, kRaw } form = kAuto;
+  const char* path = nullptr;
+  for (int i = 0; i < argc; ++i) {
+    if (strcmp(argv[i], "--hex") == 0) {
+      form = kHex;
+    } else if (strcmp(argv[i], "--raw") == 0) {
+      form = kRaw;
+    } else if (path == nullptr && (argv[i][0] != '-' || strcmp(argv[i], "-") == 0)) {
+      path = argv[i];
+    } else {
+      return fail(std::string("unexpected argument '") + argv[i] + "' (see --help)");
+    }
+  }
+  Bytes input;
+  if (!readAll(path, &input)) {
+    return fail(std::string("cannot read ") + (path ? path : "standard input") + ": " +
+                strerror(errno));
+  }
+  Bytes bytes = input;
+  if (form == kHex || (form == kAuto && !input.empty() && isHexText(input))) {
+    if (!parseHex(std::string(input.begin(), input.end()), &bytes)) {
+      return fail("input is not hex text");
+    }
+  }
+  kl::message m;
+  if (!m.unflatten(bytes.data(), bytes.size(), kl::message::flatten_full)) {
+    return fail("malformed message (" + std::to_string(bytes.size()) + " bytes)");
+  }
+  m.dump2(std::cout, "", 0);
+  return 0;
+}
+
+// --- encode ---------------------------------------------------------------------------------
+
+struct TypeName {
+  const char* name;
+  uint32_t bits;
+};
+const TypeName kTypes[] = {
+    {"bool", kl::kTypeBool},     {"u32", kl::kTypeU32},         {"u64", kl::kTypeU64},
+    {"addr6", kl::kTypeAddr6},   {"string", kl::kTypeString},   {"message", kl::kTypeMessage},
+    {"raw", kl::kTypeRaw},
+};
+
+bool parseNumber(const std::string& text, unsigned long long* out) {
+  if (text.empty() || text[0] == '-') return false;
+  char* end = nullptr;
+  errno = 0;
+  *out = strtoull(text.c_str(), &end, 0);
+  return errno == 0 && *end == '\0';
+}
+
+// A field number from a number or a SYS_/STD_ name known to the dump.
+bool parseFieldId(const std::string& text, uint32_t* id) {
+  unsigned long long n;
+  if (parseNumber(text, &n) && n <= 0xffffffffull) {
+    *id = static_cast<uint32_t>(n);
+    return true;
+  }
+  for (uint32_t ns : {0xff0000u, 0xfe0000u}) {
+    for (uint32_t number = ns; number < ns + 0x40; ++number) {
+      if (text == kl::fieldIdName(number)) {
+        *id = number;
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+// A u32 from a number or a TYPE_/STATUS_/CMD_/ERROR_ name known to the dump.
+bool parseU32(const std::string& text, unsigned int* out) {
+  unsigned long long n;
+  if (parseNumber(text, &n) && n <= 0xffffffffull) {
+    *out = static_cast<unsigned int>(n);
+    return true;
+  }
+  for (unsigned int value = 0xfe0000; value < 0xfe0020; ++value) {
+    if (text == kl::fieldValueName(kl::SYS_TYPE, value)) {
+      *out = value;
+      return true;
+    }
+  }
+  for (unsigned int value : {0u, 1u, 2u}) {
+    if (text == kl::fieldValueName(kl::SYS_TYPE, value) ||
+        text == kl::fieldValueName(kl::SYS_STATUS, value) ||
+        text == kl::fieldValueName(kl::SYS_ERRNO, value)) {
+      *out = value;
+      return true;
+    }
+  }
+  return false;
+}
+
+std::vector<std::string> splitCommas(const std::string& text) {
+  std::vector<std::string> parts;
+  if (text.empty()) return parts;
+  size_t start = 0;
+  for (size_t comma; (comma = text.find(',', start)) != std::string::npos; start = comma + 1) {
+    parts.push_back(text.substr(start, comma - start));
+  }
+  parts.push_back(text.substr(start));
+  return parts;
+}
+
+// One value of the given type; false when the text does not fit it.
+struct Value {
+  bool b = false;
+  unsigned int u32 = 0;
+  unsigned long long u64 = 0;
+  IPAddr6 addr6;
+  std::string text;
+  Bytes bytes;
+};
+
+bool parseValue(uint32_t type, const std::string& text, Value* v) {
+  switch (type) {
+    case kl::kTypeBool:
+      v->b = text == "true" || text == "1";
+      return v->b || text == "false" || text == "0";
+    case kl::kTypeU32: return parseU32(text, &v->u32);
+    case kl::kTypeU64: return parseNumber(text, &v->u64);
+    case kl::kTypeAddr6: return inet_pton(AF_INET6, text.c_str(), v->addr6.bytes) == 1;
+    case kl::kTypeString: v->text = text; return true;
+    case kl::kTypeMessage: {
+      kl::message check;
+      return parseHex(text, &v->bytes) &&
+             check.unflatten(v->bytes.data(), v->bytes.size(), kl::message::flatten_full);
+    }
+    default: return parseHex(text, &v->bytes);
+  }
+}
+
+void insertScalar(kl::message& m, uint32_t type, uint32_t id, const Value& v) {
+  switch (type) {
+    case kl::kTypeBool: m.insert_bool(id, v.b); break;
+    case kl::kTypeU32: m.insert_u32(id, v.u32); break;
+    case kl::kTypeU64: m.insert_u64(id, v.u64); break;
+    case kl::kTypeAddr6: m.insert_addr6(id, v.addr6); break;
+    case kl::kTypeString: m.insert_string(id, v.text); break;
+    case kl::kTypeMessage: m.insert_message(id, kl::message::flat_message(v.bytes)); break;
+    default: m.insert_raw(id, v.bytes); break;
+  }
+}
+
+// Creates an empty array (the text "u32[]:5=" asks for one).
+void createArray(kl::message& m, uint32_t type, uint32_t id) {
+  switch (type) {
+    case kl::kTypeBool: m.insert_bool_array(id, {}); break;
+    case kl::kTypeU32: m.insert_u32_array(id, {}); break;
+    case kl::kTypeU64: m.insert_u64_array(id, {}); break;
+    case kl::kTypeAddr6: m.insert_addr6_array(id, {}); break;
+    case kl::kTypeString: m.insert_string_array(id, {}); break;
+    case kl::kTypeMessage: m.insert_message_array(id, {}); break;
+    default: m.insert_raw_array(id, {}); break;
+  }
+}
+
+void appendElement(kl::message& m, uint32_t type, uint32_t id, const Value& v) {
+  switch (type) {
+    case kl::kTypeBool: m.get_bool_array_ref(id).push_back(v.b); break;
+    case kl::kTypeU32: m.get_u32_array_ref(id).push_back(v.u32); break;
+    case kl::kTypeU64: m.get_u64_array_ref(id).push_back(v.u64); break;
+    case kl::kTypeAddr6: m.get_addr6_array_ref(id).push_back(v.addr6); break;
+    case kl::kTypeString: m.get_string_array_ref(id).push_back(v.text); break;
+    case kl::kTypeMessage:
+      m.get_message_array_ref(id).push_back(kl::message::flat_message(v.bytes));
+      break;
+    default: m.get_raw_array_ref(id).push_back(v.bytes); break;
+  }
+}
+
+// Adds one TYPE:ID=VALUE field to `m`; returns an error text, empty on success.
+std::string addField(kl::message& m, const std::string& field) {
+  const size_t colon = field.find(':');
+  const size_t equals = field.find('=', colon == std::string::npos ? 0 : colon);
+  if (colon == std::string::npos || equals == std::string::npos) {
+    return "field '" + field + "' is not TYPE:ID=VALUE";
+  }
+  std::string typeName = field.substr(0, colon);
+  const bool array = typeName.size() > 2 && typeName.compare(typeName.size() - 2, 2, "[]") == 0;
+  if (array) typeName.resize(typeName.size() - 2);
+  const TypeName* type = nullptr;
+  for (const TypeName& t : kTypes) {
+    if (typeName == t.name) type = &t;
+  }
+  if (type == nullptr) return "unknown type '" + typeName + "' in '" + field + "'";
+  uint32_t number;
+  if (!parseFieldId(field.substr(colon + 1, equals - colon - 1), &number)) {
+    return "bad field id in '" + field + "'";
+  }
+  const std::string valueText = field.substr(equals + 1);
+  const uint32_t id = kl::withType(number, type->bits | (array ? kl::kArrayBit : 0));
+  if (!array) {
+    Value v;
+    if (!parseValue(type->bits, valueText, &v)) return "bad value in '" + field + "'";
+    insertScalar(m, type->bits, id, v);
+    return "";
+  }
+  std::vector<Value> elements;
+  for (const std::string& element : splitCommas(valueText)) {
+    elements.emplace_back();
+    if (!parseValue(type->bits, element, &elements.back())) {
+      return "bad element '" + element + "' in '" + field + "'";
+    }
+  }
+  m.remove_array(id);  // a repeated field replaces the earlier one
+  createArray(m, type->bits, id);
+  for (const Value& v : elements) appendElement(m, type->bits, id, v);
+  return "";
+}
+
+int encodeCommand(int argc, char** argv) {
+  bool raw = false;
+  kl::message m;
+  int fields = 0;
+  for (int i = 0; i < argc; ++i) {
+    if (strcmp(argv[i], "--raw") == 0) {
+      raw = true;
+      continue;
+    }
+    const std::string error = addField(m, argv[i]);
+    if (!error.empty()) return fail(error);
+    ++fields;
+  }
+  if (fields == 0) return fail("encode needs at least one FIELD (see --help)");
+  Bytes bytes;
+  m.flatten(bytes);
+  if (raw) {
+    fwrite(bytes.data(), 1, bytes.size(), stdout);
+  } else {
+    for (size_t i = 0; i < bytes.size(); ++i) printf("%s%02X", i ? " " : "", bytes[i]);
+    printf("\n");
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
+    fputs(kUsage, argc < 2 ? stderr : stdout);
+    return argc < 2 ? 1 : 0;
+  }
+  const std::string command = argv[1];
+  if (command == "decode") return decodeCommand(argc - 2, argv + 2);
+  if (command == "encode") return encodeCommand(argc - 2, argv + 2);
+  return fail("unknown command '" + command + "' (see --help)");
+}
