@@ -7,8 +7,9 @@
 // deleted slots below are part of the wire contract.
 //
 // Slot ids 0xFFFFFFFF (never used) and 0xFFFFFFFE (deleted) are markers, so those two ids
-// cannot be stored. A table starts with capacity 11; its slot array is allocated on the
-// first insertion. Not thread-safe.
+// cannot be stored. A table starts with capacity 11, whose slots live inside the table
+// object itself (most messages never grow past them, and a decode then costs one allocation
+// less); a grown table's slots are on the heap. Not thread-safe.
 #ifndef KL_MESSAGE_HTABLE_H_
 #define KL_MESSAGE_HTABLE_H_
 
@@ -32,8 +33,6 @@ class htable {
   constexpr htable() = default;
   htable(const htable& other);
   htable& operator=(const htable& other);
-  htable(htable&&) noexcept = default;
-  htable& operator=(htable&&) noexcept = default;
 
   // The value stored under `id`, or null when absent. Valid until the next insertion.
   const T* find(uint32_t id) const;
@@ -79,28 +78,43 @@ class htable {
   // is full of other ids. `forInsert` selects the second meaning.
   int64_t probe(uint32_t id, bool forInsert) const;
 
-  std::unique_ptr<slot[]> slots_;
+  slot* slots_ = nullptr;  // null until the first insertion, then inline_ or heap_
+  std::unique_ptr<slot[]> heap_;
   uint32_t capacity_ = kInitialCapacity;
   uint32_t count_ = 0;
+  slot inline_[kInitialCapacity] = {};
 };
 
 template <typename T>
-htable<T>::htable(const htable& other) : capacity_(other.capacity_), count_(other.count_) {
-  if (other.slots_) {
-    slots_.reset(new slot[capacity_]);
-    for (uint32_t i = 0; i < capacity_; ++i) slots_[i] = other.slots_[i];
-  }
+htable<T>::htable(const htable& other) {
+  *this = other;
 }
 
 template <typename T>
 htable<T>& htable<T>::operator=(const htable& other) {
-  if (this != &other) *this = htable(other);
+  if (this == &other) return *this;
+  if (other.slots_ == nullptr) {
+    slots_ = nullptr;
+    heap_.reset();
+    capacity_ = other.capacity_;
+    count_ = 0;
+    return *this;
+  }
+  allocate(other.capacity_);
+  for (uint32_t i = 0; i < capacity_; ++i) slots_[i] = other.slots_[i];
+  count_ = other.count_;
   return *this;
 }
 
 template <typename T>
 void htable<T>::allocate(uint32_t capacity) {
-  slots_.reset(new slot[capacity]);
+  if (capacity == kInitialCapacity) {
+    heap_.reset();
+    slots_ = inline_;
+  } else {
+    heap_.reset(new slot[capacity]);
+    slots_ = heap_.get();
+  }
   capacity_ = capacity;
   count_ = 0;
   for (uint32_t i = 0; i < capacity; ++i) slots_[i] = slot{kNeverUsed, T()};
@@ -133,8 +147,15 @@ const T* htable<T>::find(uint32_t id) const {
 
 template <typename T>
 void htable<T>::grow() {
-  std::unique_ptr<slot[]> old = std::move(slots_);
+  // Keep the old slots alive (inline or heap) while they are re-inserted in slot order.
+  std::unique_ptr<slot[]> oldHeap = std::move(heap_);
+  slot oldInline[kInitialCapacity];
   const uint32_t oldCapacity = capacity_;
+  const slot* old = oldHeap.get();
+  if (old == nullptr) {
+    for (uint32_t i = 0; i < kInitialCapacity; ++i) oldInline[i] = inline_[i];
+    old = oldInline;
+  }
   allocate(2 * oldCapacity);
   for (uint32_t i = 0; i < oldCapacity; ++i) {
     if (isLive(old[i].id)) get_ref(old[i].id) = old[i].value;

@@ -133,10 +133,12 @@ struct Cursor {
   bool block(Blob* out, bool shortForm) {
     unsigned int n;
     if (!(shortForm ? u8(&n) : u16(&n)) || !has(n)) return false;
-    out->assign(p, p + n);
+    assignBytes(out, n);
     p += n;
     return true;
   }
+  void assignBytes(std::string* out, size_t n) { out->assign(reinterpret_cast<const char*>(p), n); }
+  void assignBytes(Bytes* out, size_t n) { out->assign(p, p + n); }
 };
 
 bool getElement(Cursor& c, bool* v) {

@@ -1,0 +1,60 @@
+# Developer and CI entry points. Each target installs the Debian packages it lacks
+# (scripts/ensure-packages) and builds what it needs with CMake and Ninja.
+#
+#   make demo        build and run the demonstration
+#   make test        host build, warnings as errors, all tests
+#   make asan-test   all tests under AddressSanitizer + UndefinedBehaviorSanitizer
+#   make bench       Release build, all benchmarks
+#   make fuzz        a short run of each fuzz target (FUZZ_SECONDS, default 20)
+#   make install-check  install into a temporary prefix and build a program against it
+
+ENSURE := scripts/ensure-packages
+HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev
+BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler
+FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
+FUZZ_SECONDS ?= 20
+CTEST := ctest --output-on-failure -j2
+
+.PHONY: all demo test asan-test bench fuzz install-check clean
+
+all: test
+
+build/build.ninja:
+	@$(ENSURE) $(HOST_PACKAGES)
+	cmake -S . -B build -G Ninja -DKL_WERROR=ON
+
+test: build/build.ninja
+	cmake --build build
+	cd build && $(CTEST)
+
+demo: build/build.ninja
+	cmake --build build --target kl-msg build_request
+	@sh examples/demo.sh build
+
+asan-test:
+	@$(ENSURE) $(HOST_PACKAGES)
+	cmake -S . -B build-asan -G Ninja -DKL_WERROR=ON -DKL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+	cmake --build build-asan
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1 $(CTEST)
+
+bench:
+	@$(ENSURE) $(BENCH_PACKAGES)
+	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DKL_BUILD_TESTS=OFF -DKL_BUILD_BENCH=ON
+	cmake --build build-release
+	@for b in build-release/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+fuzz:
+	@$(ENSURE) $(FUZZ_PACKAGES)
+	CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKL_BUILD_TESTS=OFF -DKL_BUILD_TOOLS=OFF -DKL_BUILD_FUZZ=ON
+	cmake --build build-fuzz
+	@for f in build-fuzz/fuzz/*_fuzz; do \
+	  name=$$(basename $$f _fuzz); mkdir -p build-fuzz/corpus-$$name; \
+	  echo "== $$f for $(FUZZ_SECONDS)s"; \
+	  $$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 build-fuzz/corpus-$$name fuzz/corpus/$$name || exit 1; \
+	done
+
+install-check: build/build.ninja
+	@sh examples/install_check.sh build
+
+clean:
+	rm -rf build build-asan build-release build-fuzz
