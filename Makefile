@@ -4,6 +4,7 @@
 #   make demo        build and run the demonstration
 #   make test        host build, warnings as errors, all tests
 #   make asan-test   all tests under AddressSanitizer + UndefinedBehaviorSanitizer
+#   make ppc-test    cross-build for 32-bit big-endian PowerPC, all tests under qemu-ppc
 #   make bench       Release build, all benchmarks
 #   make fuzz        a short run of each fuzz target (FUZZ_SECONDS, default 20)
 #   make install-check  install into a temporary prefix and build a program against it
@@ -11,11 +12,12 @@
 ENSURE := scripts/ensure-packages
 HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev
 BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler
+PPC_PACKAGES := cmake ninja-build g++-powerpc-linux-gnu qemu-user googletest
 FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
 FUZZ_SECONDS ?= 20
 CTEST := ctest --output-on-failure -j2
 
-.PHONY: all demo test asan-test bench fuzz install-check clean
+.PHONY: all demo test asan-test ppc-test bench fuzz install-check clean
 
 all: test
 
@@ -37,6 +39,13 @@ asan-test:
 	cmake --build build-asan
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1 $(CTEST)
 
+ppc-test:
+	@$(ENSURE) $(PPC_PACKAGES)
+	cmake -S . -B build-ppc -G Ninja -DKL_WERROR=ON \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-powerpc-linux-gnu.cmake
+	cmake --build build-ppc
+	cd build-ppc && $(CTEST)
+
 bench:
 	@$(ENSURE) $(BENCH_PACKAGES)
 	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DKL_BUILD_TESTS=OFF -DKL_BUILD_BENCH=ON
@@ -57,4 +66,4 @@ install-check: build/build.ninja
 	@sh examples/install_check.sh build
 
 clean:
-	rm -rf build build-asan build-release build-fuzz
+	rm -rf build build-asan build-ppc build-release build-fuzz
