@@ -6,6 +6,7 @@
 #define KL_KL_H_
 
 #include "kl/base/check.h"
+#include "kl/base/clock.h"
 #include "kl/base/endian.h"
 #include "kl/base/ipaddr6.h"
 #include "kl/base/root.h"
@@ -13,5 +14,10 @@
 #include "kl/message/field_id.h"
 #include "kl/message/message.h"
 #include "kl/message/system.h"
+#include "kl/util/base64.h"
+#include "kl/util/convert.h"
+#include "kl/util/rate_limit.h"
+#include "kl/util/system.h"
+#include "kl/util/text.h"
 
 #endif  // KL_KL_H_
