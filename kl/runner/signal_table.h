@@ -1,0 +1,46 @@
+// File: kl/runner/signal_table.h
+//
+// The process-wide state that signal handlers reach without a pointer: the runner, the
+// per-signal dispositions and callbacks, the self-pipe, the stack top and the crash report's
+// buffers and paths, prepared in advance so that the crash handler never allocates.
+// Internal to kl/runner.
+#ifndef KL_RUNNER_SIGNAL_TABLE_H_
+#define KL_RUNNER_SIGNAL_TABLE_H_
+
+#include <signal.h>
+
+#include <cstdint>
+
+#include "kl/runner/runner.h"
+
+namespace kl {
+namespace internal {
+
+struct SignalEntry {
+  Runner::RunnerSigaction how;
+  void* ctx;
+  Runner::SignalCallback fn;
+  struct sigaction prior;  // the action before the runner first changed this signal
+};
+
+struct SignalTable {
+  Runner* runner;
+  char scratch[64];  // digits of the crash report's numbers
+  SignalEntry entries[Runner::kMaxSignal + 1];
+  int pipe[2];
+  int handledCount;    // signals at SIGACT_HANDLE; the pipe is open while above zero
+  uintptr_t stackTop;  // page boundary above the Runner constructor's frame
+  char line[100];      // the crash report's read buffer (maps, log tail)
+  char reportPath[256];   // <root>/dev/log244
+  char logPrefix[256];    // <root>/dev/log
+};
+
+extern SignalTable signalTable;
+
+// Installs the crash handler for the fatal signals and SIGUSR2, and prepares its paths.
+void installCrashHandler();
+
+}  // namespace internal
+}  // namespace kl
+
+#endif  // KL_RUNNER_SIGNAL_TABLE_H_

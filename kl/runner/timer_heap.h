@@ -1,0 +1,68 @@
+// File: kl/runner/timer_heap.h
+//
+// The runner's one-shot timers and the binary min-heap that orders them by expiry.
+//
+// Expiries are unsigned 32-bit tick counts (1/100 s) that wrap modulo 2^32, so they are
+// compared only within a span of 359999 ticks: relative to the heap's reference time (the
+// `now` of the latest insertion), an expiry x sorts by x - (reference - 359999). A timer is
+// reached at time N when N equals its expiry or lies at most 359999 ticks after it.
+//
+// The order of timers with equal expiries is observable (they fire in heap order) and
+// follows two tie rules, written out in placeTimerInHeap. Not thread-safe.
+#ifndef KL_RUNNER_TIMER_HEAP_H_
+#define KL_RUNNER_TIMER_HEAP_H_
+
+#include <cstdint>
+#include <vector>
+
+namespace kl {
+
+// One armed timer. Allocated with malloc and freed with free by the runner that holds it.
+struct TimerInfo {
+  static constexpr uint32_t kNotInHeap = 0xFFFFFFFFu;
+
+  void* ctx;             // passed to fn
+  void (*fn)(void* ctx);  // null: cancelled while waiting outside the heap
+  uint32_t expiry;       // absolute in the heap; relative while a delayed timer waits
+  uint32_t index;        // slot in the heap, or kNotInHeap
+};
+
+// The largest span within which two tick values compare.
+constexpr uint32_t kTickSpan = 359999;
+
+// Whether `expiry` is reached at `now`.
+inline bool tickReached(uint32_t expiry, uint32_t now) {
+  return now == expiry || expiry + kTickSpan - now <= kTickSpan - 1;
+}
+
+class TimerHeap {
+ public:
+  // Sets the reference time to `now` and inserts t. REQUIRES: t is not in the heap.
+  void addTimerToHeap(TimerInfo* t, uint32_t now);
+  // Takes t out of the heap (t is neither freed nor has its index reset).
+  // REQUIRES: t is in this heap.
+  void removeTimer(TimerInfo* t);
+
+  bool empty() const { return heap_.empty(); }
+  uint32_t size() const { return static_cast<uint32_t>(heap_.size()); }
+  // The earliest timer. REQUIRES: !empty().
+  TimerInfo* top() const { return heap_.front(); }
+  TimerInfo* at(uint32_t slot) const { return heap_[slot]; }
+  uint32_t referenceTime() const { return ref_; }
+  // Forgets every timer (frees nothing).
+  void clear() { heap_.clear(); }
+
+ private:
+  void placeTimerInHeap(TimerInfo* t, uint32_t slot, uint32_t ref);
+  void put(TimerInfo* t, uint32_t slot) {
+    heap_[slot] = t;
+    t->index = slot;
+  }
+
+  std::vector<TimerInfo*> heap_;
+  uint32_t ref_ = 0;
+};
+
+}  // namespace kl
+
+#endif  // KL_RUNNER_TIMER_HEAP_H_
