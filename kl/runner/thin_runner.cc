@@ -81,19 +81,21 @@ TimerPtr ThinRunner::addDelayedTimer(void* ctx, Callback fn, unsigned int timeou
   return TimerPtr(t);
 }
 
-void ThinRunner::addDelayedTimers() {
-  if (delayed_.empty()) return;
-  const uint32_t now = getJiffies();
+void ThinRunner::joinHeap(std::vector<TimerInfo*>& list, uint32_t now, bool relative) {
   std::vector<TimerInfo*> waiting;
-  waiting.swap(delayed_);
+  waiting.swap(list);
   for (TimerInfo* t : waiting) {
     if (t->fn == nullptr) {
-      free(t);
-    } else {
-      t->expiry += now;
-      heap_.addTimerToHeap(t, now);
+      free(t);  // cancelled while it waited
+      continue;
     }
+    if (relative) t->expiry += now;
+    heap_.addTimerToHeap(t, now);
   }
+}
+
+void ThinRunner::addDelayedTimers() {
+  if (!delayed_.empty()) joinHeap(delayed_, getJiffies(), true);
 }
 
 
@@ -138,15 +140,7 @@ void ThinRunner::runTimers() {
     free(t);
   }
   inTimers_ = false;
-  std::vector<TimerInfo*> armed;
-  armed.swap(added_);
-  for (TimerInfo* t : armed) {
-    if (t->fn == nullptr) {
-      free(t);
-    } else {
-      heap_.addTimerToHeap(t, now);
-    }
-  }
+  joinHeap(added_, now, false);
   addDelayedTimers();
 }
 

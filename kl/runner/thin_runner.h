@@ -137,6 +137,9 @@ class ThinRunner {
 
   TimerInfo* newTimer(void* ctx, Callback fn, uint32_t expiry);
   void runHooks();
+  // Moves the timers waiting in `list` into the heap (adding `now` to relative expiries),
+  // frees the cancelled ones and empties the list.
+  void joinHeap(std::vector<TimerInfo*>& list, uint32_t now, bool relative);
   bool cancel(TimerInfo* t);
 
   std::map<int, SockInfo> sockMap_;
