@@ -11,7 +11,7 @@
 
 ENSURE := scripts/ensure-packages
 HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev
-BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler
+BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler libuv1-dev
 PPC_PACKAGES := cmake ninja-build g++-powerpc-linux-gnu qemu-user googletest
 FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
 FUZZ_SECONDS ?= 20
@@ -30,7 +30,7 @@ test: build/build.ninja
 	cd build && $(CTEST)
 
 demo: build/build.ninja
-	cmake --build build --target kl-msg build_request
+	cmake --build build --target kl-msg build_request loop_demo
 	@sh examples/demo.sh build
 
 asan-test:

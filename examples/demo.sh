@@ -4,6 +4,7 @@ set -e
 build=${1:-build}
 msg=$build/tools/kl-msg
 req=$build/examples/build_request
+loop=$build/examples/loop_demo
 
 echo "== A get-all request built in code, flattened to the wire form (hex):"
 $req
@@ -20,3 +21,6 @@ echo
 echo "== A malformed input is refused with one line and status 1:"
 if echo "4D 32 01 00 00 21 09" | $msg decode; then exit 1; fi
 echo "(exit status 1)"
+echo
+echo "== The event loop: a timer, a handled signal and a SIGUSR2 snapshot report:"
+$loop
