@@ -1,0 +1,474 @@
+#include "kl/store/store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <iostream>
+
+#include "kl/store/store_format.h"
+#include "kl/store/wlock.h"
+
+namespace kl {
+
+namespace {
+
+using storefmt::kFreeId;
+using storefmt::kRecordHeaderSize;
+using storefmt::kSlotSize;
+
+void report(const char* text) { std::cerr << "STORE: " << text << std::endl; }
+
+// Reads exactly n bytes unless the file ends or fails first; the count read, -1 on error.
+ssize_t readFully(int fd, void* buf, size_t n) {
+  size_t got = 0;
+  while (got < n) {
+    const ssize_t r = read(fd, static_cast<char*>(buf) + got, n - got);
+    if (r < 0) return -1;
+    if (r == 0) break;
+    got += static_cast<size_t>(r);
+  }
+  return static_cast<ssize_t>(got);
+}
+
+bool writeFully(int fd, const void* buf, size_t n) {
+  size_t done = 0;
+  while (done < n) {
+    const ssize_t w = write(fd, static_cast<const char*>(buf) + done, n - done);
+    if (w <= 0) return false;
+    done += static_cast<size_t>(w);
+  }
+  return true;
+}
+
+// Unlinks `file` and creates it empty (0600); the new descriptor, or -1.
+int recreate(const std::string& file) {
+  unlink(file.c_str());
+  return open(file.c_str(), O_RDWR | O_CREAT, 0600);
+}
+
+void closeIfOpen(int& fd) {
+  if (fd >= 0) close(fd);
+  fd = -1;
+}
+
+}  // namespace
+
+Store::Store(const std::string& path, unsigned defaultAge) : path_(path), defaultAge_(defaultAge) {
+  for (size_t k = path_.find('/', 1); k != std::string::npos; k = path_.find('/', k + 1)) {
+    mkdir(path_.substr(0, k).c_str(), 0700);
+  }
+  if (!readIndex(false)) {
+    restarted = true;
+    restart();
+  }
+  checkForBloat();
+}
+
+Store::~Store() {
+  closeIdx();
+  closeData();
+  if (getRunner() != nullptr) {
+    if (compactTimer_) kl::removeTimer(&compactTimer_);
+    if (flushTimer_) kl::removeTimer(&flushTimer_);
+  }
+}
+
+std::vector<unsigned> Store::ids() const {
+  std::vector<unsigned> out;
+  for (const auto& e : entries_) out.push_back(e.first);
+  return out;
+}
+
+// --- files ----------------------------------------------------------------------------------
+
+// Only restart() and compact() create the files.
+bool Store::openIdx() {
+  if (idxFd_ >= 0) return true;
+  idxFd_ = open((path_ + ".idx").c_str(), O_RDWR);
+  if (idxFd_ < 0) report("openIdx failed");
+  return idxFd_ >= 0;
+}
+
+bool Store::openData() {
+  if (datFd_ >= 0) return true;
+  datFd_ = open((path_ + ".dat").c_str(), O_RDWR);
+  if (datFd_ < 0) report("openData failed");
+  return datFd_ >= 0;
+}
+
+void Store::closeIdx() { closeIfOpen(idxFd_); }
+void Store::closeData() { closeIfOpen(datFd_); }
+
+void Store::cleanup() {
+  entries_.clear();
+  freeList_.clear();
+  dataSize_ = indexCount_ = freeBytes_ = freeCount_ = 0;
+}
+
+void Store::restart() {
+  Wlock lock(path_);
+  closeIdx();
+  closeData();
+  cleanup();
+  int fd = recreate(path_ + ".dat");
+  if (fd < 0) {
+    report("restart open .dat failed");
+    return;
+  }
+  close(fd);
+  fd = recreate(path_ + ".idx");
+  if (fd < 0) {
+    report("restart open .idx failed");
+    return;
+  }
+  close(fd);
+}
+
+void Store::deleteFiles() {
+  Wlock lock(path_);
+  for (const char* suffix : {".idx", ".dat", ".lock", ".idx.new", ".dat.new"}) {
+    unlink((path_ + suffix).c_str());  // with what an interrupted compaction left behind
+  }
+}
+
+// --- index ----------------------------------------------------------------------------------
+
+bool Store::readIndex(bool swapped) {
+  cleanup();
+  if (!openIdx()) return false;
+  if (lseek(idxFd_, 0, SEEK_SET) < 0) {
+    report("readIndex lseek failed");
+    return false;
+  }
+  for (;;) {
+    unsigned char raw[kSlotSize];
+    const ssize_t n = readFully(idxFd_, raw, kSlotSize);
+    if (n < 0) {
+      report("readIndex read failed");
+      return false;
+    }
+    if (n < static_cast<ssize_t>(kSlotSize)) break;  // a trailing partial slot is ignored
+    const storefmt::Slot slot = storefmt::loadSlot(raw, swapped);
+    const Entry extent{dataSize_, slot.length, indexCount_, slot.age};
+    ++indexCount_;
+    dataSize_ += slot.length;
+    if (slot.id != kFreeId) {
+      entries_.insert({slot.id, extent});  // a later duplicate is ignored
+    } else {
+      freeList_.push_back(extent);
+      freeBytes_ += slot.length;
+      ++freeCount_;
+    }
+  }
+  struct stat st;
+  if (stat((path_ + ".dat").c_str(), &st) != 0) {
+    report("readIndex stat failed");
+    return false;
+  }
+  if (static_cast<unsigned long long>(st.st_size) == dataSize_) {
+    if (swapped) compact(true);  // rewrites both files little-endian
+    return true;
+  }
+  if (!swapped) return readIndex(true);  // perhaps the big-endian form
+  report("readIndex size mismatch");
+  return false;
+}
+
+bool Store::writeIndexent(unsigned id, Entry& e) {
+  Wlock lock(path_);
+  openIdx();
+  unsigned char raw[kSlotSize];
+  storefmt::storeSlot(raw, storefmt::Slot{id, e.length, e.age});
+  if (lseek(idxFd_, static_cast<off_t>(e.slot) * kSlotSize, SEEK_SET) < 0) {
+    report("writeIndexent lseek failed");
+    return false;
+  }
+  if (write(idxFd_, raw, kSlotSize) != static_cast<ssize_t>(kSlotSize)) {
+    report("writeIndexent write failed");
+    return false;
+  }
+  flush();
+  return true;
+}
+
+// --- records --------------------------------------------------------------------------------
+
+message Store::readMsg(unsigned offset) {
+  openData();
+  if (lseek(datFd_, offset, SEEK_SET) < 0) {
+    report("readMsg lseek failed");
+    return message();
+  }
+  unsigned char header[kRecordHeaderSize];
+  if (readFully(datFd_, header, sizeof header) != static_cast<ssize_t>(sizeof header)) {
+    report("readMsg read header failed");
+    return message();
+  }
+  const unsigned length = loadLe16(header);
+  if (length < kRecordHeaderSize) {
+    std::cerr << "STORE: readMsg invalid header: msg len " << length << std::endl;
+    return message();
+  }
+  std::vector<unsigned char> bytes(length - kRecordHeaderSize);
+  if (readFully(datFd_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+    report("readMsg read failed");
+    return message();
+  }
+  return message(bytes);
+}
+
+bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
+  Wlock lock(path_);
+  if (!openData()) return false;
+  if (lseek(datFd_, offset, SEEK_SET) < 0) {
+    report("writeMsg lseek failed");
+    return false;
+  }
+  unsigned char header[kRecordHeaderSize];
+  storeLe16(header, static_cast<uint16_t>(bytes.size() + kRecordHeaderSize));
+  if (write(datFd_, header, sizeof header) != static_cast<ssize_t>(sizeof header)) {
+    report("writeMsg write header failed");
+    return false;
+  }
+  if (!writeFully(datFd_, bytes.data(), bytes.size())) {
+    report("writeMsg write failed");
+    return false;
+  }
+  flush();
+  return true;
+}
+
+// --- operations -----------------------------------------------------------------------------
+
+message Store::get(unsigned id) {
+  auto it = entries_.find(id);
+  return it == entries_.end() ? message() : readMsg(it->second.offset);
+}
+
+// Marks e's slot free and lists its extent: at the front for a removal (the most recently
+// freed extent is tried first), at the back when a message outgrew it.
+void Store::freeExtent(const Entry& e, bool atFront) {
+  Entry copy = e;
+  writeIndexent(kFreeId, copy);
+  if (atFront) {
+    freeList_.push_front(e);
+  } else {
+    freeList_.push_back(e);
+  }
+  ++freeCount_;
+  freeBytes_ += e.length;
+}
+
+// First fit from the front of the free list; a reused extent is taken whole. Else append.
+void Store::place(Entry& e, unsigned needed) {
+  for (auto it = freeList_.begin(); it != freeList_.end(); ++it) {
+    if (it->length >= needed) {
+      e.offset = it->offset;
+      e.length = it->length;
+      e.slot = it->slot;
+      freeBytes_ -= it->length;
+      --freeCount_;
+      freeList_.erase(it);
+      return;
+    }
+  }
+  e.offset = dataSize_;
+  e.length = needed;
+  e.slot = indexCount_;
+  dataSize_ += needed;
+  ++indexCount_;
+}
+
+void Store::set(unsigned id, const message& m) {
+  std::vector<unsigned char> bytes;
+  m.flatten(bytes);
+  const unsigned needed = static_cast<unsigned>(bytes.size()) + kRecordHeaderSize;
+  auto it = entries_.find(id);
+  if (it != entries_.end()) {
+    if (it->second.length >= needed) {
+      writeMsg(it->second.offset, bytes);  // the slot already describes the extent
+      return;
+    }
+    freeExtent(it->second, false);
+  } else {
+    it = entries_.insert({id, Entry{0, 0, 0, defaultAge_}}).first;
+  }
+  Entry& entry = it->second;
+  place(entry, needed);
+  if (writeIndexent(id, entry) && writeMsg(entry.offset, bytes)) {
+    checkForBloat();
+    return;
+  }
+  // The message is lost; its extent goes back to the free list (the counters stay as they
+  // are on this path).
+  writeIndexent(kFreeId, entry);
+  freeList_.push_back(entry);
+  entries_.erase(it);
+}
+
+bool Store::remove(unsigned id) {
+  auto it = entries_.find(id);
+  if (it == entries_.end()) return false;
+  freeExtent(it->second, true);
+  entries_.erase(it);
+  checkForBloat();
+  return true;
+}
+
+void Store::touch(unsigned id, unsigned age) {
+  auto it = entries_.find(id);
+  if (it == entries_.end()) return;
+  it->second.age = age;
+  writeIndexent(id, it->second);
+}
+
+void Store::age() {
+  for (auto it = entries_.begin(); it != entries_.end();) {
+    auto current = it++;
+    if (current->second.age > 1) {
+      --current->second.age;
+      writeIndexent(current->first, current->second);
+    } else {
+      remove(current->first);
+    }
+  }
+}
+
+// --- durability and compaction --------------------------------------------------------------
+
+void Store::flush() {
+  if (flushTimer_) return;
+  if (getRunner() != nullptr) {
+    flushTimer_ = addTimer(this, &Store::doFlush, 50);
+  } else {
+    doFlush();
+  }
+}
+
+void Store::doFlush() {
+  flushTimer_ = TimerPtr();
+  fsync(idxFd_);
+  fsync(datFd_);
+}
+
+bool Store::bloated() const { return freeBytes_ > (dataSize_ >> 3) && freeCount_ > 8; }
+
+void Store::checkForBloat() {
+  if (compactTimer_ || !bloated()) return;
+  if (getRunner() != nullptr) {
+    compactTimer_ = addTimer(this, &Store::doCompaction, 6000);
+  } else {
+    compact(false);
+  }
+}
+
+void Store::doCompaction() {
+  compactTimer_ = TimerPtr();
+  if (bloated()) compact(false);
+}
+
+// The new files are written beside the old ones and renamed over them at the end, data
+// file first. A process killed on the way leaves either the old pair, or a new data file
+// with the old index, whose sizes disagree: the next open wipes the store and says so
+// (`restarted`), where files emptied in place would have come up silently empty.
+void Store::compact(bool swapped) {
+  if (getRunner() != nullptr) {
+    if (compactTimer_) kl::removeTimer(&compactTimer_);
+    if (flushTimer_) kl::removeTimer(&flushTimer_);
+  }
+  compactTimer_ = flushTimer_ = TimerPtr();
+  Wlock lock(path_);
+  if (!openIdx() || !openData()) {
+    closeIdx();
+    closeData();
+    return;
+  }
+  const int oldIdx = idxFd_;
+  const int oldDat = datFd_;
+  const std::string newDat = path_ + ".dat.new";
+  const std::string newIdx = path_ + ".idx.new";
+  const int dat = recreate(newDat);
+  if (dat < 0) {
+    report("compact: could not open new data file");
+    return;
+  }
+  const int idx = recreate(newIdx);
+  if (idx < 0) {
+    report("compact: could not open new index file");
+    close(dat);
+    unlink(newDat.c_str());
+    return;
+  }
+  idxFd_ = idx;
+  datFd_ = dat;
+  const bool done = copyLiveSlots(oldIdx, oldDat, swapped) && fsync(idx) == 0 && fsync(dat) == 0 &&
+                    rename(newDat.c_str(), (path_ + ".dat").c_str()) == 0 &&
+                    rename(newIdx.c_str(), (path_ + ".idx").c_str()) == 0;
+  close(oldIdx);
+  close(oldDat);
+  if (!done) {
+    unlink(newDat.c_str());
+    unlink(newIdx.c_str());
+    restart();  // all stored data is lost
+  }
+}
+
+// Streams every live slot and its extent from the old files to the new ones, in slot order;
+// false (after printing why) on any failure.
+bool Store::copyLiveSlots(int oldIdx, int oldDat, bool swapped) {
+  if (lseek(oldIdx, 0, SEEK_SET) < 0) {
+    report("compact: could not seek to start in index");
+    return false;
+  }
+  const unsigned oldDataSize = dataSize_;
+  dataSize_ = indexCount_ = freeBytes_ = freeCount_ = 0;
+  freeList_.clear();
+  for (;;) {
+    unsigned char raw[kSlotSize];
+    const ssize_t n = readFully(oldIdx, raw, kSlotSize);
+    if (n < 0) {
+      report("compact read failed");
+      return false;
+    }
+    if (n < static_cast<ssize_t>(kSlotSize)) return true;
+    const storefmt::Slot slot = storefmt::loadSlot(raw, swapped);
+    if (slot.id == kFreeId) continue;
+    auto it = entries_.find(slot.id);
+    if (it == entries_.end()) {
+      report("entry in file but not in map!!");
+      continue;
+    }
+    storefmt::storeSlot(raw, slot);
+    if (!writeFully(idxFd_, raw, kSlotSize)) {
+      report("compact write failed");
+      return false;
+    }
+    // An extent must lie inside the old data file (a damaged index must not make us
+    // allocate what its lengths claim).
+    if (it->second.offset > oldDataSize || slot.length > oldDataSize - it->second.offset) {
+      report("compact read failed");
+      return false;
+    }
+    std::vector<unsigned char> extent(slot.length);
+    if (lseek(oldDat, it->second.offset, SEEK_SET) < 0) {
+      report("compact lseek failed");
+      return false;
+    }
+    if (readFully(oldDat, extent.data(), extent.size()) != static_cast<ssize_t>(extent.size())) {
+      report("compact read failed");
+      return false;
+    }
+    if (swapped && extent.size() >= kRecordHeaderSize) std::swap(extent[0], extent[1]);
+    if (!writeFully(datFd_, extent.data(), extent.size())) {
+      report("compact write failed");
+      return false;
+    }
+    it->second.offset = dataSize_;
+    it->second.slot = indexCount_;
+    dataSize_ += slot.length;
+    ++indexCount_;
+  }
+}
+
+}  // namespace kl

@@ -1,0 +1,120 @@
+// File: kl/store/store.h
+//
+// kl::Store keeps messages on flash keyed by a 32-bit id, so that a service finds them again
+// after a restart: an index file of fixed 12-byte slots, a data file of records and a lock
+// file that serialises writers of different processes (layout in kl/store/store_format.h).
+// Every message carries an age counter, so that a service can expire entries it no longer
+// touches.
+//
+// Freed extents go on a free list and are reused first-fit; when more than an eighth of the
+// data file is free in more than eight extents, both files are rewritten without the holes
+// (compaction), 60 s later when the process has a runner (kl/runner/runner.h), at once when
+// it has none. Writes are made durable by fsync, batched over half a second with a runner.
+//
+// A store whose files are missing or disagree (data size differs from the sum of the slot
+// lengths in both byte orders) is wiped and starts empty with `restarted` set; this is also
+// what a first run looks like. Failures print one "STORE: " line on the error stream.
+//
+// Loop thread only. The timers the store arms must not outlive it: destroy the store before
+// the runner, or with the runner still present.
+#ifndef KL_STORE_STORE_H_
+#define KL_STORE_STORE_H_
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "kl/message/message.h"
+#include "kl/runner/thin_runner.h"
+
+namespace kl {
+
+class Store {
+ public:
+  // The in-memory description of one extent of the data file.
+  struct Entry {
+    unsigned offset;  // byte offset in the data file
+    unsigned length;  // extent length, record header included
+    unsigned slot;    // index slot that describes it
+    unsigned age;
+  };
+
+  // Opens the store at `path` (files path.idx, path.dat, path.lock), creating missing parent
+  // directories (0700). New ids get the age `defaultAge`.
+  Store(const std::string& path, unsigned defaultAge);
+  // Closes both files and removes pending timers (no final fsync beyond a pending flush).
+  ~Store();
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  // Set when the constructor found the files missing or unreadable and replaced them with
+  // empty ones: stored data was lost (or this is the first run).
+  bool restarted = false;
+
+  // The message stored under id; an empty message when id is unknown or unreadable.
+  message get(unsigned id);
+  // Stores or replaces the message under id. A write failure loses the message (the id is
+  // then unknown) after printing its line. REQUIRES: m flattens below 65534 bytes.
+  void set(unsigned id, const message& m);
+  // Frees the id's extent. False when id is unknown.
+  bool remove(unsigned id);
+  // Sets the id's age counter; nothing when id is unknown.
+  void touch(unsigned id, unsigned age);
+  // One ageing step: every age above 1 goes down by one; messages at 0 or 1 are removed.
+  void age();
+  // Makes written data durable: within half a second with a runner, else at once.
+  void flush();
+  // fsync of both files now.
+  void doFlush();
+
+  // Whether id is stored; the stored ids in ascending order.
+  bool has(unsigned id) const { return entries_.count(id) != 0; }
+  std::vector<unsigned> ids() const;
+
+  // Rewrites both files without free extents; `swapped` reads the old files big-endian.
+  // A failure after the new files exist wipes the store.
+  void compact(bool swapped);
+  // Timer body: compacts if the store is still bloated.
+  void doCompaction();
+  // Arms (with a runner) or runs (without) a compaction when the store is bloated.
+  void checkForBloat();
+  // Rebuilds the in-memory state from the index; false when the files disagree.
+  bool readIndex(bool swapped);
+  // Replaces both files by empty ones and clears the in-memory state.
+  void restart();
+  // Unlinks the store's files; the open descriptors and in-memory state stay.
+  void deleteFiles();
+
+ private:
+  bool bloated() const;
+  void cleanup();
+  bool openIdx();
+  bool openData();
+  void closeIdx();
+  void closeData();
+  message readMsg(unsigned offset);
+  bool writeMsg(unsigned offset, const std::vector<unsigned char>& bytes);
+  bool writeIndexent(unsigned id, Entry& e);
+  void freeExtent(const Entry& e, bool atFront);
+  void place(Entry& e, unsigned needed);
+  bool copyLiveSlots(int oldIdx, int oldDat, bool swapped);
+
+  std::map<unsigned, Entry> entries_;
+  int idxFd_ = -1;
+  int datFd_ = -1;
+  std::list<Entry> freeList_;
+  unsigned dataSize_ = 0;
+  unsigned indexCount_ = 0;
+  unsigned freeBytes_ = 0;
+  unsigned freeCount_ = 0;
+  std::string path_;
+  unsigned defaultAge_;
+  TimerPtr compactTimer_;
+  TimerPtr flushTimer_;
+};
+
+}  // namespace kl
+
+#endif  // KL_STORE_STORE_H_
