@@ -1,13 +1,13 @@
 #include "kl/store/store.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <iostream>
 
 #include "kl/store/store_format.h"
-#include "kl/store/wlock.h"
 
 namespace kl {
 
@@ -47,6 +47,13 @@ int recreate(const std::string& file) {
   return open(file.c_str(), O_RDWR | O_CREAT, 0600);
 }
 
+bool setRecordLock(int fd, short type) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;  // start 0, length 0: the whole file
+  return fcntl(fd, F_SETLKW, &lock) != -1;
+}
+
 void closeIfOpen(int& fd) {
   if (fd >= 0) close(fd);
   fd = -1;
@@ -68,6 +75,7 @@ Store::Store(const std::string& path, unsigned defaultAge) : path_(path), defaul
 Store::~Store() {
   closeIdx();
   closeData();
+  if (lockFd_ >= 0) close(lockFd_);
   if (getRunner() != nullptr) {
     if (compactTimer_) kl::removeTimer(&compactTimer_);
     if (flushTimer_) kl::removeTimer(&flushTimer_);
@@ -78,6 +86,27 @@ std::vector<unsigned> Store::ids() const {
   std::vector<unsigned> out;
   for (const auto& e : entries_) out.push_back(e.first);
   return out;
+}
+
+// --- the write lock -----------------------------------------------------------------------
+
+// The store keeps its lock file open and takes the record lock once for nested users, so an
+// operation costs two fcntl calls instead of an open, two fcntl calls and a close per write.
+Store::Lock::Lock(Store& store) : store_(store) {
+  if (store_.lockDepth_++ > 0) return;
+  if (store_.lockFd_ < 0) {
+    store_.lockFd_ = open((store_.path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (store_.lockFd_ < 0) {
+      report("lock open failed");
+      return;
+    }
+  }
+  if (!setRecordLock(store_.lockFd_, F_WRLCK)) report("lock fnctl failed");
+}
+
+Store::Lock::~Lock() {
+  if (--store_.lockDepth_ > 0 || store_.lockFd_ < 0) return;
+  if (!setRecordLock(store_.lockFd_, F_UNLCK)) report("unlock fnctl failed");
 }
 
 // --- files ----------------------------------------------------------------------------------
@@ -98,7 +127,10 @@ bool Store::openData() {
 }
 
 void Store::closeIdx() { closeIfOpen(idxFd_); }
-void Store::closeData() { closeIfOpen(datFd_); }
+void Store::closeData() {
+  unmapData();
+  closeIfOpen(datFd_);
+}
 
 void Store::cleanup() {
   entries_.clear();
@@ -107,7 +139,7 @@ void Store::cleanup() {
 }
 
 void Store::restart() {
-  Wlock lock(path_);
+  Lock lock(*this);
   closeIdx();
   closeData();
   cleanup();
@@ -126,7 +158,7 @@ void Store::restart() {
 }
 
 void Store::deleteFiles() {
-  Wlock lock(path_);
+  Lock lock(*this);
   for (const char* suffix : {".idx", ".dat", ".lock", ".idx.new", ".dat.new"}) {
     unlink((path_ + suffix).c_str());  // with what an interrupted compaction left behind
   }
@@ -176,16 +208,13 @@ bool Store::readIndex(bool swapped) {
 }
 
 bool Store::writeIndexent(unsigned id, Entry& e) {
-  Wlock lock(path_);
+  Lock lock(*this);
   openIdx();
   unsigned char raw[kSlotSize];
   storefmt::storeSlot(raw, storefmt::Slot{id, e.length, e.age});
-  if (lseek(idxFd_, static_cast<off_t>(e.slot) * kSlotSize, SEEK_SET) < 0) {
-    report("writeIndexent lseek failed");
-    return false;
-  }
-  if (write(idxFd_, raw, kSlotSize) != static_cast<ssize_t>(kSlotSize)) {
-    report("writeIndexent write failed");
+  if (pwrite(idxFd_, raw, kSlotSize, static_cast<off_t>(e.slot) * kSlotSize) !=
+      static_cast<ssize_t>(kSlotSize)) {
+    report(idxFd_ < 0 ? "writeIndexent lseek failed" : "writeIndexent write failed");
     return false;
   }
   flush();
@@ -194,45 +223,60 @@ bool Store::writeIndexent(unsigned id, Entry& e) {
 
 // --- records --------------------------------------------------------------------------------
 
+// Records are read through a read-only shared mapping of the data file, kept while the file
+// stays open and widened when the file has grown: a get is a bounds check and a decode,
+// without a system call. Writes go through the descriptor; the page cache keeps both views
+// the same.
+const unsigned char* Store::mapData(unsigned long long end) {
+  if (end <= mapSize_) return static_cast<const unsigned char*>(map_);
+  unmapData();
+  struct stat st;
+  if (!openData() || fstat(datFd_, &st) != 0 || static_cast<unsigned long long>(st.st_size) < end) {
+    return nullptr;
+  }
+  void* map = mmap(nullptr, st.st_size, PROT_READ, MAP_SHARED, datFd_, 0);
+  if (map == MAP_FAILED) return nullptr;
+  map_ = map;
+  mapSize_ = st.st_size;
+  return static_cast<const unsigned char*>(map_);
+}
+
+void Store::unmapData() {
+  if (map_ != nullptr) munmap(map_, mapSize_);
+  map_ = nullptr;
+  mapSize_ = 0;
+}
+
 message Store::readMsg(unsigned offset) {
-  openData();
-  if (lseek(datFd_, offset, SEEK_SET) < 0) {
-    report("readMsg lseek failed");
+  const unsigned long long headerEnd = 0ull + offset + kRecordHeaderSize;
+  const unsigned char* data = mapData(headerEnd);
+  if (data == nullptr) {
+    report(datFd_ < 0 ? "readMsg lseek failed" : "readMsg read header failed");
     return message();
   }
-  unsigned char header[kRecordHeaderSize];
-  if (readFully(datFd_, header, sizeof header) != static_cast<ssize_t>(sizeof header)) {
-    report("readMsg read header failed");
-    return message();
-  }
-  const unsigned length = loadLe16(header);
+  const unsigned length = loadLe16(data + offset);
   if (length < kRecordHeaderSize) {
     std::cerr << "STORE: readMsg invalid header: msg len " << length << std::endl;
     return message();
   }
-  std::vector<unsigned char> bytes(length - kRecordHeaderSize);
-  if (readFully(datFd_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+  data = mapData(0ull + offset + length);
+  if (data == nullptr) {
     report("readMsg read failed");
     return message();
   }
-  return message(bytes);
+  return message(data + offset + kRecordHeaderSize, length - kRecordHeaderSize);
 }
 
-bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
-  Wlock lock(path_);
+// `record` holds the 2-byte header's room and then the message; one write puts both.
+bool Store::writeMsg(unsigned offset, std::vector<unsigned char>& record) {
+  Lock lock(*this);
   if (!openData()) return false;
-  if (lseek(datFd_, offset, SEEK_SET) < 0) {
-    report("writeMsg lseek failed");
-    return false;
-  }
-  unsigned char header[kRecordHeaderSize];
-  storeLe16(header, static_cast<uint16_t>(bytes.size() + kRecordHeaderSize));
-  if (write(datFd_, header, sizeof header) != static_cast<ssize_t>(sizeof header)) {
-    report("writeMsg write header failed");
-    return false;
-  }
-  if (!writeFully(datFd_, bytes.data(), bytes.size())) {
-    report("writeMsg write failed");
+  storeLe16(record.data(), static_cast<uint16_t>(record.size()));
+  const ssize_t n = pwrite(datFd_, record.data(), record.size(), offset);
+  if (n != static_cast<ssize_t>(record.size())) {
+    report(n < 0 ? "writeMsg lseek failed"
+                 : n < static_cast<ssize_t>(kRecordHeaderSize) ? "writeMsg write header failed"
+                                                               : "writeMsg write failed");
     return false;
   }
   flush();
@@ -281,13 +325,16 @@ void Store::place(Entry& e, unsigned needed) {
 }
 
 void Store::set(unsigned id, const message& m) {
-  std::vector<unsigned char> bytes;
-  m.flatten(bytes);
-  const unsigned needed = static_cast<unsigned>(bytes.size()) + kRecordHeaderSize;
+  std::vector<unsigned char> record(kRecordHeaderSize + m.max_length());
+  unsigned length = record.size() - kRecordHeaderSize;
+  m.flatten(record.data() + kRecordHeaderSize, &length);
+  record.resize(kRecordHeaderSize + length);
+  const unsigned needed = static_cast<unsigned>(record.size());
+  Lock lock(*this);  // one lock over the slot and the record
   auto it = entries_.find(id);
   if (it != entries_.end()) {
     if (it->second.length >= needed) {
-      writeMsg(it->second.offset, bytes);  // the slot already describes the extent
+      writeMsg(it->second.offset, record);  // the slot already describes the extent
       return;
     }
     freeExtent(it->second, false);
@@ -296,7 +343,7 @@ void Store::set(unsigned id, const message& m) {
   }
   Entry& entry = it->second;
   place(entry, needed);
-  if (writeIndexent(id, entry) && writeMsg(entry.offset, bytes)) {
+  if (writeIndexent(id, entry) && writeMsg(entry.offset, record)) {
     checkForBloat();
     return;
   }
@@ -378,7 +425,7 @@ void Store::compact(bool swapped) {
     if (flushTimer_) kl::removeTimer(&flushTimer_);
   }
   compactTimer_ = flushTimer_ = TimerPtr();
-  Wlock lock(path_);
+  Lock lock(*this);
   if (!openIdx() || !openData()) {
     closeIdx();
     closeData();
@@ -400,6 +447,7 @@ void Store::compact(bool swapped) {
     unlink(newDat.c_str());
     return;
   }
+  unmapData();
   idxFd_ = idx;
   datFd_ = dat;
   const bool done = copyLiveSlots(oldIdx, oldDat, swapped) && fsync(idx) == 0 && fsync(dat) == 0 &&

@@ -95,7 +95,21 @@ class Store {
   void closeIdx();
   void closeData();
   message readMsg(unsigned offset);
-  bool writeMsg(unsigned offset, const std::vector<unsigned char>& bytes);
+  bool writeMsg(unsigned offset, std::vector<unsigned char>& record);
+  const unsigned char* mapData(unsigned long long end);
+  void unmapData();
+
+  // The inter-process write lock over <path>.lock, taken once however deeply nested.
+  class Lock {
+   public:
+    explicit Lock(Store& store);
+    ~Lock();
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+   private:
+    Store& store_;
+  };
   bool writeIndexent(unsigned id, Entry& e);
   void freeExtent(const Entry& e, bool atFront);
   void place(Entry& e, unsigned needed);
@@ -113,6 +127,10 @@ class Store {
   unsigned defaultAge_;
   TimerPtr compactTimer_;
   TimerPtr flushTimer_;
+  int lockFd_ = -1;
+  int lockDepth_ = 0;
+  void* map_ = nullptr;  // read-only view of the data file
+  unsigned long long mapSize_ = 0;
 };
 
 }  // namespace kl
