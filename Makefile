@@ -8,6 +8,7 @@
 #   make bench       Release build, all benchmarks
 #   make fuzz        a short run of each fuzz target (FUZZ_SECONDS, default 20)
 #   make install-check  install into a temporary prefix and build a program against it
+#   make format-check   the sources follow .clang-format
 
 ENSURE := scripts/ensure-packages
 HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev
@@ -17,7 +18,7 @@ FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
 FUZZ_SECONDS ?= 20
 CTEST := ctest --output-on-failure -j2
 
-.PHONY: all demo test asan-test ppc-test bench fuzz install-check clean
+.PHONY: all demo test asan-test ppc-test bench fuzz install-check format-check clean
 
 all: test
 
@@ -64,6 +65,10 @@ fuzz:
 
 install-check: build/build.ninja
 	@sh examples/install_check.sh build
+
+format-check:
+	@$(ENSURE) clang-format
+	git ls-files '*.cc' '*.h' | xargs clang-format --dry-run --Werror
 
 clean:
 	rm -rf build build-asan build-ppc build-release build-fuzz

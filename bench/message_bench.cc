@@ -12,7 +12,7 @@
 namespace {
 
 constexpr int kObjects = 10;
-constexpr uint32_t kMtu = 0x0fd0001;      // local u32
+constexpr uint32_t kMtu = 0x0fd0001;       // local u32
 constexpr uint32_t kRxBytes = 0x10fd0002;  // local u64
 constexpr uint32_t kName = 0x20fd0003;     // local string
 
@@ -120,7 +120,8 @@ void BM_KlUnflattenDeep(benchmark::State& state) {
   for (auto _ : state) {
     kl::message m;
     m.unflatten(bytes.data(), bytes.size(), kl::message::flatten_full);
-    for (const kl::message::flat_message& f : *static_cast<const kl::message&>(m).get_message_array_ref(kl::STD_OBJS)) {
+    for (const kl::message::flat_message& f :
+         *static_cast<const kl::message&>(m).get_message_array_ref(kl::STD_OBJS)) {
       kl::message obj(f);
       benchmark::DoNotOptimize(obj);
     }

@@ -49,7 +49,8 @@ void BM_KlArmFire(benchmark::State& state) {
   int fired = 0;
   for (auto _ : state) {
     for (int i = 0; i < kArmFire; ++i) {
-      runner.addTimer(&fired, [](void* n) { ++*static_cast<int*>(n); }, 0);
+      runner.addTimer(
+          &fired, [](void* n) { ++*static_cast<int*>(n); }, 0);
     }
     runner.runTimers();
   }
@@ -66,7 +67,9 @@ void BM_UvArmFire(benchmark::State& state) {
   fired = 0;
   for (uv_timer_t& t : timers) uv_timer_init(&loop, &t);
   for (auto _ : state) {
-    for (uv_timer_t& t : timers) uv_timer_start(&t, [](uv_timer_t*) { ++fired; }, 0, 0);
+    for (uv_timer_t& t : timers)
+      uv_timer_start(
+          &t, [](uv_timer_t*) { ++fired; }, 0, 0);
     uv_run(&loop, UV_RUN_NOWAIT);
   }
   if (fired != state.iterations() * kArmFire) state.SkipWithError("not every timer fired");

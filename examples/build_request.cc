@@ -31,14 +31,16 @@ int main(int argc, char** argv) {
   kl::setRequestID(request, 42);
   request.insert_bool(kl::SYS_REPLYEXP, true);
   request.insert_string(kl::SYS_USER, "admin");
-  request.insert_message_array(kl::STD_OBJS, {object(1, "uplink", false), object(2, "spare", true)});
+  request.insert_message_array(kl::STD_OBJS,
+                               {object(1, "uplink", false), object(2, "spare", true)});
 
   std::vector<unsigned char> bytes;
   request.flatten(bytes);
   if (raw) {
     fwrite(bytes.data(), 1, bytes.size(), stdout);
   } else {
-    for (size_t i = 0; i < bytes.size(); ++i) printf("%02X%c", bytes[i], (i % 16 == 15) ? '\n' : ' ');
+    for (size_t i = 0; i < bytes.size(); ++i)
+      printf("%02X%c", bytes[i], (i % 16 == 15) ? '\n' : ' ');
     printf("\n");
   }
   return 0;

@@ -39,7 +39,8 @@ struct Demo {
     fflush(stdout);
     raise(SIGUSR2);
     printf("...and the process runs on\n");
-    demo->runner.addTimer(demo, [](void* d) { static_cast<Demo*>(d)->runner.stop(); }, 50);
+    demo->runner.addTimer(
+        demo, [](void* d) { static_cast<Demo*>(d)->runner.stop(); }, 50);
   }
 };
 

@@ -131,8 +131,8 @@ struct TypeName {
   uint32_t bits;
 };
 const TypeName kTypes[] = {
-    {"bool", kl::kTypeBool},     {"u32", kl::kTypeU32},         {"u64", kl::kTypeU64},
-    {"addr6", kl::kTypeAddr6},   {"string", kl::kTypeString},   {"message", kl::kTypeMessage},
+    {"bool", kl::kTypeBool},   {"u32", kl::kTypeU32},       {"u64", kl::kTypeU64},
+    {"addr6", kl::kTypeAddr6}, {"string", kl::kTypeString}, {"message", kl::kTypeMessage},
     {"raw", kl::kTypeRaw},
 };
 
@@ -212,55 +212,101 @@ bool parseValue(uint32_t type, const std::string& text, Value* v) {
     case kl::kTypeBool:
       v->b = text == "true" || text == "1";
       return v->b || text == "false" || text == "0";
-    case kl::kTypeU32: return parseU32(text, &v->u32);
-    case kl::kTypeU64: return parseNumber(text, &v->u64);
-    case kl::kTypeAddr6: return inet_pton(AF_INET6, text.c_str(), v->addr6.bytes) == 1;
-    case kl::kTypeString: v->text = text; return true;
+    case kl::kTypeU32:
+      return parseU32(text, &v->u32);
+    case kl::kTypeU64:
+      return parseNumber(text, &v->u64);
+    case kl::kTypeAddr6:
+      return inet_pton(AF_INET6, text.c_str(), v->addr6.bytes) == 1;
+    case kl::kTypeString:
+      v->text = text;
+      return true;
     case kl::kTypeMessage: {
       kl::message check;
       return parseHex(text, &v->bytes) &&
              check.unflatten(v->bytes.data(), v->bytes.size(), kl::message::flatten_full);
     }
-    default: return parseHex(text, &v->bytes);
+    default:
+      return parseHex(text, &v->bytes);
   }
 }
 
 void insertScalar(kl::message& m, uint32_t type, uint32_t id, const Value& v) {
   switch (type) {
-    case kl::kTypeBool: m.insert_bool(id, v.b); break;
-    case kl::kTypeU32: m.insert_u32(id, v.u32); break;
-    case kl::kTypeU64: m.insert_u64(id, v.u64); break;
-    case kl::kTypeAddr6: m.insert_addr6(id, v.addr6); break;
-    case kl::kTypeString: m.insert_string(id, v.text); break;
-    case kl::kTypeMessage: m.insert_message(id, kl::message::flat_message(v.bytes)); break;
-    default: m.insert_raw(id, v.bytes); break;
+    case kl::kTypeBool:
+      m.insert_bool(id, v.b);
+      break;
+    case kl::kTypeU32:
+      m.insert_u32(id, v.u32);
+      break;
+    case kl::kTypeU64:
+      m.insert_u64(id, v.u64);
+      break;
+    case kl::kTypeAddr6:
+      m.insert_addr6(id, v.addr6);
+      break;
+    case kl::kTypeString:
+      m.insert_string(id, v.text);
+      break;
+    case kl::kTypeMessage:
+      m.insert_message(id, kl::message::flat_message(v.bytes));
+      break;
+    default:
+      m.insert_raw(id, v.bytes);
+      break;
   }
 }
 
 // Creates an empty array (the text "u32[]:5=" asks for one).
 void createArray(kl::message& m, uint32_t type, uint32_t id) {
   switch (type) {
-    case kl::kTypeBool: m.insert_bool_array(id, {}); break;
-    case kl::kTypeU32: m.insert_u32_array(id, {}); break;
-    case kl::kTypeU64: m.insert_u64_array(id, {}); break;
-    case kl::kTypeAddr6: m.insert_addr6_array(id, {}); break;
-    case kl::kTypeString: m.insert_string_array(id, {}); break;
-    case kl::kTypeMessage: m.insert_message_array(id, {}); break;
-    default: m.insert_raw_array(id, {}); break;
+    case kl::kTypeBool:
+      m.insert_bool_array(id, {});
+      break;
+    case kl::kTypeU32:
+      m.insert_u32_array(id, {});
+      break;
+    case kl::kTypeU64:
+      m.insert_u64_array(id, {});
+      break;
+    case kl::kTypeAddr6:
+      m.insert_addr6_array(id, {});
+      break;
+    case kl::kTypeString:
+      m.insert_string_array(id, {});
+      break;
+    case kl::kTypeMessage:
+      m.insert_message_array(id, {});
+      break;
+    default:
+      m.insert_raw_array(id, {});
+      break;
   }
 }
 
 void appendElement(kl::message& m, uint32_t type, uint32_t id, const Value& v) {
   switch (type) {
-    case kl::kTypeBool: m.get_bool_array_ref(id).push_back(v.b); break;
-    case kl::kTypeU32: m.get_u32_array_ref(id).push_back(v.u32); break;
-    case kl::kTypeU64: m.get_u64_array_ref(id).push_back(v.u64); break;
-    case kl::kTypeAddr6: m.get_addr6_array_ref(id).push_back(v.addr6); break;
-    case kl::kTypeString: m.get_string_array_ref(id).push_back(v.text); break;
+    case kl::kTypeBool:
+      m.get_bool_array_ref(id).push_back(v.b);
+      break;
+    case kl::kTypeU32:
+      m.get_u32_array_ref(id).push_back(v.u32);
+      break;
+    case kl::kTypeU64:
+      m.get_u64_array_ref(id).push_back(v.u64);
+      break;
+    case kl::kTypeAddr6:
+      m.get_addr6_array_ref(id).push_back(v.addr6);
+      break;
+    case kl::kTypeString:
+      m.get_string_array_ref(id).push_back(v.text);
+      break;
     case kl::kTypeMessage:
       m.get_message_array_ref(id).push_back(kl::message::flat_message(v.bytes));
       break;
-    default: m.get_raw_array_ref(id).push_back(v.bytes); break;
+    default:
+      m.get_raw_array_ref(id).push_back(v.bytes);
+      break;
   }
 }
 

@@ -43,7 +43,8 @@ bool readFile(const std::string& path, Bytes* out) {
 
 std::vector<Slot> slotsOf(const Bytes& idx, bool swapped) {
   std::vector<Slot> slots;
-  for (size_t off = 0; off + kl::storefmt::kSlotSize <= idx.size(); off += kl::storefmt::kSlotSize) {
+  for (size_t off = 0; off + kl::storefmt::kSlotSize <= idx.size();
+       off += kl::storefmt::kSlotSize) {
     slots.push_back(kl::storefmt::loadSlot(&idx[off], swapped));
   }
   return slots;
@@ -127,13 +128,16 @@ int main(int argc, char** argv) {
                 << " length " << s.length << " age " << s.age << " offset " << offset << std::endl;
     }
     if (isFree) continue;
-    if (!seen.insert(s.id).second) problem(where + ": id " + std::to_string(s.id) + " again (ignored on opening)");
-    if (offset + kl::storefmt::kRecordHeaderSize > dat.size() || s.length < kl::storefmt::kRecordHeaderSize) {
+    if (!seen.insert(s.id).second)
+      problem(where + ": id " + std::to_string(s.id) + " again (ignored on opening)");
+    if (offset + kl::storefmt::kRecordHeaderSize > dat.size() ||
+        s.length < kl::storefmt::kRecordHeaderSize) {
       problem(where + ": extent outside the data file");
       continue;
     }
     unsigned record = swapped ? (dat[offset] << 8 | dat[offset + 1]) : kl::loadLe16(&dat[offset]);
-    if (record < kl::storefmt::kRecordHeaderSize || record > s.length || offset + record > dat.size()) {
+    if (record < kl::storefmt::kRecordHeaderSize || record > s.length ||
+        offset + record > dat.size()) {
       problem(where + ": record length " + std::to_string(record) + " does not fit its extent");
       continue;
     }
@@ -147,6 +151,7 @@ int main(int argc, char** argv) {
   std::cout << (swapped ? "big-endian" : "little-endian") << " store: " << slots.size()
             << " slots, " << live << " live, " << freeSlots << " free (" << freeBytes
             << " bytes); data " << dat.size() << " bytes; "
-            << (problems == 0 ? "consistent" : std::to_string(problems) + " problem(s)") << std::endl;
+            << (problems == 0 ? "consistent" : std::to_string(problems) + " problem(s)")
+            << std::endl;
   return problems == 0 ? 0 : 1;
 }

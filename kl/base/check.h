@@ -17,7 +17,8 @@ namespace kl {
 
 }  // namespace kl
 
-#define KL_CHECK(expr) \
-  ((expr) ? static_cast<void>(0) : ::kl::checkFailed(#expr, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+#define KL_CHECK(expr)           \
+  ((expr) ? static_cast<void>(0) \
+          : ::kl::checkFailed(#expr, __FILE__, __LINE__, __PRETTY_FUNCTION__))
 
 #endif  // KL_BASE_CHECK_H_

@@ -33,7 +33,8 @@ void checkInChild(const RootCase& c) {
   }
   char buf[64];
   const bool fits = rootedPath(c.devicePath, buf, sizeof buf);
-  const bool same = rootedPath(c.devicePath) == c.expected && fits && std::string(buf) == c.expected;
+  const bool same =
+      rootedPath(c.devicePath) == c.expected && fits && std::string(buf) == c.expected;
   exit(same ? 0 : 1);
 }
 

@@ -41,7 +41,7 @@ bool includes_bools(const message::Rep* mine, const message::Rep* theirs) {
   bool all = true;
   forEachBoolOf(theirs, [mine, &all](uint32_t id, bool value) {
     const bool* here = mine->bools ? mine->bools->find(id)
-                       : (mine->singleBoolId == id ? &mine->singleBoolValue : nullptr);
+                                   : (mine->singleBoolId == id ? &mine->singleBoolValue : nullptr);
     all = all && here != nullptr && *here == value;
   });
   return all;

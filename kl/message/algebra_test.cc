@@ -109,7 +109,9 @@ TEST(Includes, EveryKindOfDifferenceIsSeen) {
       [](message& m) { m.insert_string(STD_DESCR, "dd"); },
       [](message& m) { m.insert_u64(0x10fe0010, 1ull << 40 | 9); },
       [](message& m) { m.insert(SYS_TO, {1}); },
-      [](message& m) { m.insert(SYS_TO, {2, 1}); },
+      [](message& m) {
+        m.insert(SYS_TO, {2, 1});
+      },
       [](message& m) { m.insert_string_array(0xa0fe0011, {"y"}); },
   };
   for (size_t i = 0; i < changes.size(); ++i) {

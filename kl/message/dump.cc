@@ -33,10 +33,14 @@ constexpr DefaultHandlerNames kDefaultNames;
 
 const char* builtInName(unsigned int id) {
   switch (id) {
-    case 1: return "ID_LOADER";
-    case 17: return "ID_UNDO";
-    case 24: return "ID_TIME";
-    default: return kDefaultNames.text[id];
+    case 1:
+      return "ID_LOADER";
+    case 17:
+      return "ID_UNDO";
+    case 24:
+      return "ID_TIME";
+    default:
+      return kDefaultNames.text[id];
   }
 }
 
@@ -70,15 +74,25 @@ void indent(Out& out, const char* prefix, unsigned int depth) {
 }
 
 template <class Out>
-void putElement(Out& out, bool v) { out << (v ? "true" : "false"); }
+void putElement(Out& out, bool v) {
+  out << (v ? "true" : "false");
+}
 template <class Out>
-void putElement(Out& out, unsigned int v) { out << v; }
+void putElement(Out& out, unsigned int v) {
+  out << v;
+}
 template <class Out>
-void putElement(Out& out, unsigned long long v) { out << v; }
+void putElement(Out& out, unsigned long long v) {
+  out << v;
+}
 template <class Out>
-void putElement(Out& out, const IPAddr6& v) { putAddr6(out, v); }
+void putElement(Out& out, const IPAddr6& v) {
+  putAddr6(out, v);
+}
 template <class Out>
-void putElement(Out& out, const std::string& v) { putText(out, v); }
+void putElement(Out& out, const std::string& v) {
+  putText(out, v);
+}
 template <class Out>
 void putElement(Out& out, const Bytes& v) {
   out << "#";
@@ -87,23 +101,35 @@ void putElement(Out& out, const Bytes& v) {
 
 const char* arrayWord(uint32_t id) {
   switch (id & ~kArrayBit & kTypeMask) {
-    case kTypeBool: return " bool[] [";
-    case kTypeU32: return " u32[] [";
-    case kTypeU64: return " u64[] [";
-    case kTypeAddr6: return " addr6[] [";
-    case kTypeString: return " string[] [";
-    case kTypeMessage: return " message[] [";
-    default: return " raw[] [";
+    case kTypeBool:
+      return " bool[] [";
+    case kTypeU32:
+      return " u32[] [";
+    case kTypeU64:
+      return " u64[] [";
+    case kTypeAddr6:
+      return " addr6[] [";
+    case kTypeString:
+      return " string[] [";
+    case kTypeMessage:
+      return " message[] [";
+    default:
+      return " raw[] [";
   }
 }
 
 const char* scalarWord(uint32_t id) {
   switch (id & kTypeMask) {
-    case kTypeU64: return " u64 [";
-    case kTypeAddr6: return " addr6 [";
-    case kTypeString: return " string [";
-    case kTypeMessage: return " message [";
-    default: return " raw [";
+    case kTypeU64:
+      return " u64 [";
+    case kTypeAddr6:
+      return " addr6 [";
+    case kTypeString:
+      return " string [";
+    case kTypeMessage:
+      return " message [";
+    default:
+      return " raw [";
   }
 }
 

@@ -35,9 +35,9 @@ class Dumper : public virtual std::ostream {
   // Appends min(n, room left) bytes of `data`.
   Dumper& write(const char* data, unsigned int n);
   Dumper& operator<<(const char* s);
-  Dumper& operator<<(unsigned char b);        // two lowercase hex digits
-  Dumper& operator<<(unsigned int v);         // "0x" and 8 lowercase hex digits
-  Dumper& operator<<(unsigned long long v);   // "0x" and 16 lowercase hex digits
+  Dumper& operator<<(unsigned char b);       // two lowercase hex digits
+  Dumper& operator<<(unsigned int v);        // "0x" and 8 lowercase hex digits
+  Dumper& operator<<(unsigned long long v);  // "0x" and 16 lowercase hex digits
 
   const char* data() const { return buf_; }
   unsigned int size() const { return used_; }

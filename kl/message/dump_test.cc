@@ -68,12 +68,11 @@ TEST(Dump, PathsNameTheirFirstHop) {
   m.insert(SYS_TO, {1, 17});
   m.insert(SYS_FROM, {24});
   m.insert_u32_array(0x88000003, {1});
-  EXPECT_EQ(dumpOf(m),
-            std::string(kHeader) +
-                " u32[] [global(3)]=1, \n"
-                " u32[] [SYS_FROM]=24(ID_TIME), \n"
-                " u32[] [SYS_TO]=1(ID_LOADER), 17, \n" +
-                kFooter);
+  EXPECT_EQ(dumpOf(m), std::string(kHeader) +
+                           " u32[] [global(3)]=1, \n"
+                           " u32[] [SYS_FROM]=24(ID_TIME), \n"
+                           " u32[] [SYS_TO]=1(ID_LOADER), 17, \n" +
+                           kFooter);
 }
 
 TEST(Dump, InstalledHandlerNamesReplaceTheBuiltIns) {
@@ -116,22 +115,20 @@ TEST(Dump, DumperPrintsNumbersAsFixedWidthHex) {
   m.insert_u64_array(0x90000003, {1});
   m.insert_bool_array(0x80000004, {true, false});
   m.insert_raw_array(0xb0000005, {{1, 2}});
-  EXPECT_EQ(dumperOf(m),
-            std::string(kHeader) +
-                " u64 [global(1)]=0x0000000000001234\n"
-                " raw[] [global(5)]=#0x00000002, \n"
-                " bool[] [global(4)]=true, false, \n"
-                " u64[] [global(3)]=0x0000000000000001, \n"
-                " u32[] [global(2)]=0x000000ff, 0xdeadbeef, \n" +
-                kFooter);
-  EXPECT_EQ(dumpOf(m),
-            std::string(kHeader) +
-                " u64 [global(1)]=4660\n"
-                " raw[] [global(5)]=#2, \n"
-                " bool[] [global(4)]=true, false, \n"
-                " u64[] [global(3)]=1, \n"
-                " u32[] [global(2)]=255, 3735928559, \n" +
-                kFooter);
+  EXPECT_EQ(dumperOf(m), std::string(kHeader) +
+                             " u64 [global(1)]=0x0000000000001234\n"
+                             " raw[] [global(5)]=#0x00000002, \n"
+                             " bool[] [global(4)]=true, false, \n"
+                             " u64[] [global(3)]=0x0000000000000001, \n"
+                             " u32[] [global(2)]=0x000000ff, 0xdeadbeef, \n" +
+                             kFooter);
+  EXPECT_EQ(dumpOf(m), std::string(kHeader) +
+                           " u64 [global(1)]=4660\n"
+                           " raw[] [global(5)]=#2, \n"
+                           " bool[] [global(4)]=true, false, \n"
+                           " u64[] [global(3)]=1, \n"
+                           " u32[] [global(2)]=255, 3735928559, \n" +
+                           kFooter);
 }
 
 TEST(Dumper, TruncatesSilentlyAtCapacity) {

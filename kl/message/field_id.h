@@ -30,9 +30,7 @@ constexpr uint32_t kTypeMessage = 0x28000000u;
 constexpr uint32_t kTypeRaw = 0x30000000u;
 
 // `id` with its type bits replaced by `typeBits` (a kType* value, optionally | kArrayBit).
-constexpr uint32_t withType(uint32_t id, uint32_t typeBits) {
-  return (id & ~kTypeMask) | typeBits;
-}
+constexpr uint32_t withType(uint32_t id, uint32_t typeBits) { return (id & ~kTypeMask) | typeBits; }
 
 // A field id forced to the u32 type: (id & 0x07ffffff) | 0x08000000. The system's u32
 // header constants are of this type, so `m.get(SYS_REQID, 0)` reads field 0x08ff0006.

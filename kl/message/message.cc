@@ -407,24 +407,18 @@ void message::insert_message_array(uint32_t id, const std::vector<flat_message>&
   findOrCreateIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage)) = value;
 }
 
-unsigned int message::size_bool_array(uint32_t id) const {
-  return countOf(get_bool_array_ref(id));
-}
+unsigned int message::size_bool_array(uint32_t id) const { return countOf(get_bool_array_ref(id)); }
 unsigned int message::size_unsigned_array(uint32_t id) const {
   return countOf(get_u32_array_ref(id));
 }
-unsigned int message::size_u64_array(uint32_t id) const {
-  return countOf(get_u64_array_ref(id));
-}
+unsigned int message::size_u64_array(uint32_t id) const { return countOf(get_u64_array_ref(id)); }
 unsigned int message::size_addr6_array(uint32_t id) const {
   return countOf(get_addr6_array_ref(id));
 }
 unsigned int message::size_string_array(uint32_t id) const {
   return countOf(get_string_array_ref(id));
 }
-unsigned int message::size_raw_array(uint32_t id) const {
-  return countOf(get_raw_array_ref(id));
-}
+unsigned int message::size_raw_array(uint32_t id) const { return countOf(get_raw_array_ref(id)); }
 unsigned int message::size_message_array(uint32_t id) const {
   return countOf(get_message_array_ref(id));
 }

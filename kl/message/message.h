@@ -75,7 +75,7 @@ class message {
   unsigned int& get_u32_ref(uint32_t id);              // created 0 when absent
   void insert_u32(uint32_t id, unsigned int value);
   void insert_be32(uint32_t id, unsigned int value);  // stores the byte-swapped value
-  unsigned int size_u32(uint32_t id) const;            // 0 or 1
+  unsigned int size_u32(uint32_t id) const;           // 0 or 1
 
   // --- other scalars: u64, addr6, string, message, raw -----------------------------------
   // The const get_*_ref forms return null when the field is absent; the pointer stays valid

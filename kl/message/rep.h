@@ -69,16 +69,25 @@ struct message::Rep {
 template <uint32_t TypeBits>
 struct ValueTypes;
 template <>
-struct ValueTypes<kTypeBool> { using Scalar = bool; using Array = std::vector<bool>; };
+struct ValueTypes<kTypeBool> {
+  using Scalar = bool;
+  using Array = std::vector<bool>;
+};
 template <>
-struct ValueTypes<kTypeU32> { using Scalar = unsigned int; using Array = std::vector<unsigned int>; };
+struct ValueTypes<kTypeU32> {
+  using Scalar = unsigned int;
+  using Array = std::vector<unsigned int>;
+};
 template <>
 struct ValueTypes<kTypeU64> {
   using Scalar = unsigned long long;
   using Array = std::vector<unsigned long long>;
 };
 template <>
-struct ValueTypes<kTypeAddr6> { using Scalar = IPAddr6; using Array = std::vector<IPAddr6>; };
+struct ValueTypes<kTypeAddr6> {
+  using Scalar = IPAddr6;
+  using Array = std::vector<IPAddr6>;
+};
 template <>
 struct ValueTypes<kTypeString> {
   using Scalar = std::string;
@@ -90,14 +99,18 @@ struct ValueTypes<kTypeMessage> {
   using Array = std::vector<flat_message>;
 };
 template <>
-struct ValueTypes<kTypeRaw> { using Scalar = Bytes; using Array = std::vector<Bytes>; };
+struct ValueTypes<kTypeRaw> {
+  using Scalar = Bytes;
+  using Array = std::vector<Bytes>;
+};
 
 // Whether V is the value type of an array node (a vector of elements; raw bytes and
 // flattened messages are scalars).
 template <class V>
 struct IsArray : std::false_type {};
 template <class E>
-struct IsArray<std::vector<E> > : std::integral_constant<bool, !std::is_same<E, unsigned char>::value> {};
+struct IsArray<std::vector<E> >
+    : std::integral_constant<bool, !std::is_same<E, unsigned char>::value> {};
 
 template <class T>
 struct Tag {

@@ -13,29 +13,42 @@ struct Named {
 
 // Field numbers known to the dump (type bits stripped).
 constexpr Named kFieldNames[] = {
-    {0xff0001, "SYS_TO"},        {0xff0002, "SYS_FROM"},         {0xff0003, "SYS_TYPE"},
-    {0xff0004, "SYS_STATUS"},    {0xff0005, "SYS_REPLYEXP"},     {0xff0006, "SYS_REQID"},
-    {0xff0007, "SYS_CMD"},       {0xff0008, "SYS_ERRNO"},        {0xff0009, "SYS_ERRSTR"},
-    {0xff000a, "SYS_USER"},      {0xff000b, "SYS_POLICY"},       {0xff000d, "SYS_CTRL"},
-    {0xff000e, "SYS_RADDR"},     {0xff000f, "SYS_CTRL_ARG"},     {0xfe0001, "STD_ID"},
-    {0xfe0002, "STD_OBJS"},      {0xfe0003, "STD_GETALLID"},     {0xfe0004, "STD_GETALLNO"},
-    {0xfe0005, "STD_NEXTID"},    {0xfe0006, "STD_UNDOID"},       {0xfe0007, "STD_DYNAMIC"},
-    {0xfe0008, "STD_INACTIVE"},  {0xfe0009, "STD_DESCR"},        {0xfe000a, "STD_DISABLED"},
-    {0xfe000b, "STD_FINISHED"},  {0xfe0013, "STD_DEAD"},         {0xfe0014, "STD_COUNT"},
-    {0xfe0015, "STD_GETALL_COOKIE"}, {0xfe0016, "STD_QUERY"},    {0xfe0017, "STD_QUERY_OP"},
-    {0xfe0018, "STD_MAXOBJS"},   {0xfe0019, "STD_OBJ_COUNT"},
+    {0xff0001, "SYS_TO"},       {0xff0002, "SYS_FROM"},
+    {0xff0003, "SYS_TYPE"},     {0xff0004, "SYS_STATUS"},
+    {0xff0005, "SYS_REPLYEXP"}, {0xff0006, "SYS_REQID"},
+    {0xff0007, "SYS_CMD"},      {0xff0008, "SYS_ERRNO"},
+    {0xff0009, "SYS_ERRSTR"},   {0xff000a, "SYS_USER"},
+    {0xff000b, "SYS_POLICY"},   {0xff000d, "SYS_CTRL"},
+    {0xff000e, "SYS_RADDR"},    {0xff000f, "SYS_CTRL_ARG"},
+    {0xfe0001, "STD_ID"},       {0xfe0002, "STD_OBJS"},
+    {0xfe0003, "STD_GETALLID"}, {0xfe0004, "STD_GETALLNO"},
+    {0xfe0005, "STD_NEXTID"},   {0xfe0006, "STD_UNDOID"},
+    {0xfe0007, "STD_DYNAMIC"},  {0xfe0008, "STD_INACTIVE"},
+    {0xfe0009, "STD_DESCR"},    {0xfe000a, "STD_DISABLED"},
+    {0xfe000b, "STD_FINISHED"}, {0xfe0013, "STD_DEAD"},
+    {0xfe0014, "STD_COUNT"},    {0xfe0015, "STD_GETALL_COOKIE"},
+    {0xfe0016, "STD_QUERY"},    {0xfe0017, "STD_QUERY_OP"},
+    {0xfe0018, "STD_MAXOBJS"},  {0xfe0019, "STD_OBJ_COUNT"},
 };
 
 // Command codes known to the dump; the handler layer's own codes are printed as numbers.
 constexpr Named kCommandNames[] = {
-    {CMD_NOOP, "CMD_NOOP"},         {CMD_GETPOLICIES, "CMD_GETPOLICIES"},
-    {CMD_GETOBJ, "CMD_GETOBJ"},     {CMD_SETOBJ, "CMD_SETOBJ"},
-    {CMD_GETALL, "CMD_GETALL"},     {CMD_ADDOBJ, "CMD_ADDOBJ"},
-    {CMD_REMOVEOBJ, "CMD_REMOVEOBJ"}, {CMD_MOVEOBJ, "CMD_MOVEOBJ"},
-    {CMD_NOTIFY, "CMD_NOTIFY"},     {CMD_GET, "CMD_GET"},
-    {CMD_SET, "CMD_SET"},           {CMD_START, "CMD_START"},
-    {CMD_POLL, "CMD_POLL"},         {CMD_CANCEL, "CMD_CANCEL"},
-    {CMD_GETCOUNT, "CMD_GETCOUNT"}, {CMD_RESET, "CMD_RESET"},
+    {CMD_NOOP, "CMD_NOOP"},
+    {CMD_GETPOLICIES, "CMD_GETPOLICIES"},
+    {CMD_GETOBJ, "CMD_GETOBJ"},
+    {CMD_SETOBJ, "CMD_SETOBJ"},
+    {CMD_GETALL, "CMD_GETALL"},
+    {CMD_ADDOBJ, "CMD_ADDOBJ"},
+    {CMD_REMOVEOBJ, "CMD_REMOVEOBJ"},
+    {CMD_MOVEOBJ, "CMD_MOVEOBJ"},
+    {CMD_NOTIFY, "CMD_NOTIFY"},
+    {CMD_GET, "CMD_GET"},
+    {CMD_SET, "CMD_SET"},
+    {CMD_START, "CMD_START"},
+    {CMD_POLL, "CMD_POLL"},
+    {CMD_CANCEL, "CMD_CANCEL"},
+    {CMD_GETCOUNT, "CMD_GETCOUNT"},
+    {CMD_RESET, "CMD_RESET"},
 };
 
 constexpr Named kErrorNames[] = {
@@ -57,9 +70,10 @@ constexpr Named kErrorNames[] = {
 
 // Texts of the standard error codes, indexed by code & 0xffff for 0xfe0000-0xfe000e.
 constexpr const char* kErrorTexts[] = {
-    "no error",       "unknown error", "broken path",   "not implemented", "unknown id",
-    "missing fields", "failed",        "already exists", "???",            "not allowed",
-    "message too big", "unknown next id", "busy",       "timeout",         "too much",
+    "no error",   "unknown error",  "broken path",     "not implemented",
+    "unknown id", "missing fields", "failed",          "already exists",
+    "???",        "not allowed",    "message too big", "unknown next id",
+    "busy",       "timeout",        "too much",
 };
 constexpr unsigned int kErrorTextCount = sizeof kErrorTexts / sizeof kErrorTexts[0];
 
@@ -75,11 +89,16 @@ const char* lookup(const Named (&table)[N], unsigned int value) {
 // and the error sentence deliberately use different words there).
 const char* namespaceWord(unsigned int id, const char* other) {
   switch (id & 0xff0000) {
-    case 0x000000: return "global";
-    case 0xfd0000: return "local";
-    case 0xfe0000: return "std";
-    case 0xff0000: return "sys";
-    default: return other;
+    case 0x000000:
+      return "global";
+    case 0xfd0000:
+      return "local";
+    case 0xfe0000:
+      return "std";
+    case 0xff0000:
+      return "sys";
+    default:
+      return other;
   }
 }
 

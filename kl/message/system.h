@@ -20,10 +20,10 @@ namespace kl {
 constexpr unsigned int BADID = 0xFFFFFFFFu;  // no id, for object ids and handler ids
 
 // --- system header fields ------------------------------------------------------------------
-constexpr u32_array_id SYS_TO = 0xff0001;    // destination path, consumed front to back
-constexpr u32_array_id SYS_FROM = 0xff0002;  // sender path: the reply's SYS_TO
-constexpr u32_id SYS_TYPE = 0xff0003;        // TYPE_REQUEST or TYPE_REPLY; absent = request
-constexpr u32_id SYS_STATUS = 0xff0004;      // STATUS_OK or STATUS_ERROR; absent = OK
+constexpr u32_array_id SYS_TO = 0xff0001;      // destination path, consumed front to back
+constexpr u32_array_id SYS_FROM = 0xff0002;    // sender path: the reply's SYS_TO
+constexpr u32_id SYS_TYPE = 0xff0003;          // TYPE_REQUEST or TYPE_REPLY; absent = request
+constexpr u32_id SYS_STATUS = 0xff0004;        // STATUS_OK or STATUS_ERROR; absent = OK
 constexpr uint32_t SYS_REPLYEXP = 0x00ff0005;  // bool: the sender expects a reply
 constexpr u32_id SYS_REQID = 0xff0006;         // request id, copied into the reply
 constexpr u32_id SYS_CMD = 0xff0007;           // command code (CMD_*)
@@ -38,18 +38,18 @@ constexpr u32_id SYS_NOTIFYCMD = 0xff0011;     // notification command a subscri
 constexpr u32_array_id SYS_ORIGIN = 0xff0012;  // path of the peer that caused a change
 
 // --- standard object fields ----------------------------------------------------------------
-constexpr u32_id STD_ID = 0xfe0001;             // object id
-constexpr uint32_t STD_OBJS = 0xa8fe0002;       // message array: list of objects
-constexpr u32_id STD_GETALLID = 0xfe0003;       // id of a get-all exchange
-constexpr u32_id STD_GETALLNO = 0xfe0004;       // sequence number within a get-all exchange
-constexpr u32_id STD_NEXTID = 0xfe0005;         // id of the object after which to place one
-constexpr u32_id STD_UNDOID = 0xfe0006;         // undo id
-constexpr uint32_t STD_DYNAMIC = 0x00fe0007;    // bool: object is dynamic (not configured)
-constexpr uint32_t STD_INACTIVE = 0x00fe0008;   // bool: object is inactive
-constexpr uint32_t STD_DESCR = 0x20fe0009;      // string: description
-constexpr uint32_t STD_DISABLED = 0x00fe000a;   // bool: object is disabled
-constexpr u32_id STD_DEAD = 0xfe0013;           // object is gone
-constexpr u32_id STD_OBJ_COUNT = 0xfe0019;      // number of objects
+constexpr u32_id STD_ID = 0xfe0001;            // object id
+constexpr uint32_t STD_OBJS = 0xa8fe0002;      // message array: list of objects
+constexpr u32_id STD_GETALLID = 0xfe0003;      // id of a get-all exchange
+constexpr u32_id STD_GETALLNO = 0xfe0004;      // sequence number within a get-all exchange
+constexpr u32_id STD_NEXTID = 0xfe0005;        // id of the object after which to place one
+constexpr u32_id STD_UNDOID = 0xfe0006;        // undo id
+constexpr uint32_t STD_DYNAMIC = 0x00fe0007;   // bool: object is dynamic (not configured)
+constexpr uint32_t STD_INACTIVE = 0x00fe0008;  // bool: object is inactive
+constexpr uint32_t STD_DESCR = 0x20fe0009;     // string: description
+constexpr uint32_t STD_DISABLED = 0x00fe000a;  // bool: object is disabled
+constexpr u32_id STD_DEAD = 0xfe0013;          // object is gone
+constexpr u32_id STD_OBJ_COUNT = 0xfe0019;     // number of objects
 // Named here, typed by the services that use them.
 constexpr uint32_t STD_FINISHED = 0xfe000b;
 constexpr uint32_t STD_COUNT = 0xfe0014;

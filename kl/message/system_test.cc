@@ -89,11 +89,21 @@ TEST(System, FieldIdNames) {
     unsigned int id;
     const char* expected;
   } cases[] = {
-      {SYS_TO, "SYS_TO"},           {0xff0001, "SYS_TO"},       {SYS_REQID, "SYS_REQID"},
-      {SYS_ERRSTR, "SYS_ERRSTR"},   {0xff000c, "sys(12)"},      {0x00ff000e, "SYS_RADDR"},
-      {SYS_CTRL_ARG, "SYS_CTRL_ARG"}, {SYS_NOTIFYCMD, "sys(17)"}, {STD_OBJS, "STD_OBJS"},
-      {0xfe000b, "STD_FINISHED"},   {0xfe000c, "std(12)"},      {STD_OBJ_COUNT, "STD_OBJ_COUNT"},
-      {0x20000003, "global(3)"},    {0x08fd0010, "local(16)"},  {0x08120005, "ns(5)"},
+      {SYS_TO, "SYS_TO"},
+      {0xff0001, "SYS_TO"},
+      {SYS_REQID, "SYS_REQID"},
+      {SYS_ERRSTR, "SYS_ERRSTR"},
+      {0xff000c, "sys(12)"},
+      {0x00ff000e, "SYS_RADDR"},
+      {SYS_CTRL_ARG, "SYS_CTRL_ARG"},
+      {SYS_NOTIFYCMD, "sys(17)"},
+      {STD_OBJS, "STD_OBJS"},
+      {0xfe000b, "STD_FINISHED"},
+      {0xfe000c, "std(12)"},
+      {STD_OBJ_COUNT, "STD_OBJ_COUNT"},
+      {0x20000003, "global(3)"},
+      {0x08fd0010, "local(16)"},
+      {0x08120005, "ns(5)"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.expected);

@@ -19,9 +19,18 @@ struct Writer {
   unsigned char* p;
 
   void u8(unsigned int v) { *p++ = static_cast<unsigned char>(v); }
-  void u16(unsigned int v) { storeLe16(p, static_cast<uint16_t>(v)); p += 2; }
-  void u32(uint32_t v) { storeLe32(p, v); p += 4; }
-  void u64(uint64_t v) { storeLe64(p, v); p += 8; }
+  void u16(unsigned int v) {
+    storeLe16(p, static_cast<uint16_t>(v));
+    p += 2;
+  }
+  void u32(uint32_t v) {
+    storeLe32(p, v);
+    p += 4;
+  }
+  void u64(uint64_t v) {
+    storeLe64(p, v);
+    p += 8;
+  }
   void bytes(const void* src, size_t n) {
     if (n != 0) memcpy(p, src, n);
     p += n;
@@ -77,7 +86,9 @@ unsigned int elementBound(unsigned int) { return 4; }
 unsigned int elementBound(unsigned long long) { return 8; }
 unsigned int elementBound(const IPAddr6&) { return 16; }
 template <class Blob>
-unsigned int elementBound(const Blob& v) { return v.size() + 2; }
+unsigned int elementBound(const Blob& v) {
+  return v.size() + 2;
+}
 
 template <class V>
 unsigned int recordBound(const V& value) {
@@ -151,14 +162,18 @@ bool getElement(Cursor& c, unsigned int* v) { return c.u32(v); }
 bool getElement(Cursor& c, unsigned long long* v) { return c.u64(v); }
 bool getElement(Cursor& c, IPAddr6* v) { return c.bytes(v->bytes, 16); }
 template <class Blob>
-bool getElement(Cursor& c, Blob* v) { return c.block(v, false); }
+bool getElement(Cursor& c, Blob* v) {
+  return c.block(v, false);
+}
 
 size_t fixedElementSize(bool*) { return 1; }
 size_t fixedElementSize(unsigned int*) { return 4; }
 size_t fixedElementSize(unsigned long long*) { return 8; }
 size_t fixedElementSize(IPAddr6*) { return 16; }
 template <class Blob>
-size_t fixedElementSize(Blob*) { return 2; }  // the least a length-prefixed element takes
+size_t fixedElementSize(Blob*) {
+  return 2;
+}  // the least a length-prefixed element takes
 
 // Reads `count` elements into `out`, replacing its content.
 template <class E>
@@ -218,17 +233,29 @@ bool copyPassThrough(SideWriter& side, Cursor& c, uint32_t word) {
   storeLe32(idBytes, word);
   side.put(idBytes, 4);
   switch (word & kTypeMask) {
-    case kTypeBool: case kTypeU64: case kTypeAddr6: case kArrayBit | kTypeAddr6:
+    case kTypeBool:
+    case kTypeU64:
+    case kTypeAddr6:
+    case kArrayBit | kTypeAddr6:
       return true;
-    case kTypeU32: return add_var(side, c, flag ? 1 : 4);
-    case kTypeString: case kTypeMessage: case kTypeRaw: return add_block(side, c, flag);
-    case kArrayBit | kTypeBool: case kArrayBit | kTypeU32: case kArrayBit | kTypeU64: {
+    case kTypeU32:
+      return add_var(side, c, flag ? 1 : 4);
+    case kTypeString:
+    case kTypeMessage:
+    case kTypeRaw:
+      return add_block(side, c, flag);
+    case kArrayBit | kTypeBool:
+    case kArrayBit | kTypeU32:
+    case kArrayBit | kTypeU64: {
       if (!c.has(2)) return false;
-      const size_t width = (word & kTypeMask) == (kArrayBit | kTypeBool) ? 1
-                           : (word & kTypeMask) == (kArrayBit | kTypeU32) ? 4 : 8;
+      const size_t width = (word & kTypeMask) == (kArrayBit | kTypeBool)  ? 1
+                           : (word & kTypeMask) == (kArrayBit | kTypeU32) ? 4
+                                                                          : 8;
       return add_var(side, c, 2 + width * loadLe16(c.p));
     }
-    case kArrayBit | kTypeString: case kArrayBit | kTypeRaw: case kArrayBit | kTypeMessage:
+    case kArrayBit | kTypeString:
+    case kArrayBit | kTypeRaw:
+    case kArrayBit | kTypeMessage:
       return add_array(side, c);
     default:
       return false;
@@ -298,17 +325,28 @@ bool decodeRecord(message::Rep* r, Cursor& c, uint32_t word) {
       findOrCreateIn<IPAddr6>(r->fields, id) = v;
       return true;
     }
-    case kTypeString: return decodeBlob<std::string>(r, c, id, flag);
-    case kTypeMessage: return decodeBlob<flat_message>(r, c, id, flag);
-    case kTypeRaw: return decodeBlob<Bytes>(r, c, id, flag);
-    case kArrayBit | kTypeBool: return decodeArray<bool>(r, c, id);
-    case kArrayBit | kTypeU32: return decodeArray<unsigned int>(r, c, id);
-    case kArrayBit | kTypeU64: return decodeArray<unsigned long long>(r, c, id);
-    case kArrayBit | kTypeAddr6: return decodeArray<IPAddr6>(r, c, id);
-    case kArrayBit | kTypeString: return decodeArray<std::string>(r, c, id);
-    case kArrayBit | kTypeMessage: return decodeArray<flat_message>(r, c, id);
-    case kArrayBit | kTypeRaw: return decodeArray<Bytes>(r, c, id);
-    default: return false;  // a type code with no meaning
+    case kTypeString:
+      return decodeBlob<std::string>(r, c, id, flag);
+    case kTypeMessage:
+      return decodeBlob<flat_message>(r, c, id, flag);
+    case kTypeRaw:
+      return decodeBlob<Bytes>(r, c, id, flag);
+    case kArrayBit | kTypeBool:
+      return decodeArray<bool>(r, c, id);
+    case kArrayBit | kTypeU32:
+      return decodeArray<unsigned int>(r, c, id);
+    case kArrayBit | kTypeU64:
+      return decodeArray<unsigned long long>(r, c, id);
+    case kArrayBit | kTypeAddr6:
+      return decodeArray<IPAddr6>(r, c, id);
+    case kArrayBit | kTypeString:
+      return decodeArray<std::string>(r, c, id);
+    case kArrayBit | kTypeMessage:
+      return decodeArray<flat_message>(r, c, id);
+    case kArrayBit | kTypeRaw:
+      return decodeArray<Bytes>(r, c, id);
+    default:
+      return false;  // a type code with no meaning
   }
 }
 
@@ -329,14 +367,18 @@ bool decodeOldItem(message::Rep* r, Cursor& c, unsigned int type, uint32_t numbe
                    unsigned int count) {
   if (count != 1) {
     switch (type) {
-      case wire::kOldBool: return decodeElements<bool>(r, c, number | kArrayBit | kTypeBool, count);
-      case wire::kOldU32: return decodeElements<unsigned int>(r, c, number | kArrayBit | kTypeU32, count);
+      case wire::kOldBool:
+        return decodeElements<bool>(r, c, number | kArrayBit | kTypeBool, count);
+      case wire::kOldU32:
+        return decodeElements<unsigned int>(r, c, number | kArrayBit | kTypeU32, count);
       case wire::kOldString:
         return decodeElements<std::string>(r, c, number | kArrayBit | kTypeString, count);
-      case wire::kOldRaw: return decodeElements<Bytes>(r, c, number | kArrayBit | kTypeRaw, count);
+      case wire::kOldRaw:
+        return decodeElements<Bytes>(r, c, number | kArrayBit | kTypeRaw, count);
       case wire::kOldMessage:
         return decodeElements<flat_message>(r, c, number | kArrayBit | kTypeMessage, count);
-      default: return false;
+      default:
+        return false;
     }
   }
   switch (type) {
@@ -360,9 +402,12 @@ bool decodeOldItem(message::Rep* r, Cursor& c, unsigned int type, uint32_t numbe
       findOrCreateIn<std::string>(r->fields, number | kTypeString) = std::move(s);
       return true;
     }
-    case wire::kOldRaw: return decodeBlob<Bytes>(r, c, number | kTypeRaw, false);
-    case wire::kOldMessage: return decodeBlob<flat_message>(r, c, number | kTypeMessage, false);
-    default: return false;
+    case wire::kOldRaw:
+      return decodeBlob<Bytes>(r, c, number | kTypeRaw, false);
+    case wire::kOldMessage:
+      return decodeBlob<flat_message>(r, c, number | kTypeMessage, false);
+    default:
+      return false;
   }
 }
 

@@ -35,7 +35,13 @@ constexpr unsigned int kShortLimit = 255;  // largest u32 value / length in shor
 constexpr uint32_t kStoredIdMask = 0xFEFFFFFFu;
 
 constexpr unsigned int kOldItemHeaderSize = 9;
-enum OldType : unsigned char { kOldBool = 1, kOldU32 = 2, kOldString = 3, kOldRaw = 4, kOldMessage = 5 };
+enum OldType : unsigned char {
+  kOldBool = 1,
+  kOldU32 = 2,
+  kOldString = 3,
+  kOldRaw = 4,
+  kOldMessage = 5
+};
 
 }  // namespace wire
 }  // namespace kl

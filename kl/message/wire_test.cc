@@ -21,8 +21,7 @@ Bytes flat(const message& m) {
 }
 
 // Decodes `bytes` into a fresh message in `mode`; the message is stored in *out.
-bool decode(const Bytes& bytes, message* out,
-            message::flatten_type mode = message::flatten_full) {
+bool decode(const Bytes& bytes, message* out, message::flatten_type mode = message::flatten_full) {
   *out = message();
   return out->unflatten(bytes.data(), bytes.size(), mode);
 }
@@ -58,8 +57,8 @@ TEST(Wire, TruncatedEncodingsFailExceptAtRecordBoundaries) {
   const size_t boundaries[] = {0, 2, 12, 16, 21, 28};
   for (size_t len = 0; len <= whole.size(); ++len) {
     SCOPED_TRACE(len);
-    const bool boundary = std::find(std::begin(boundaries), std::end(boundaries), len) !=
-                          std::end(boundaries);
+    const bool boundary =
+        std::find(std::begin(boundaries), std::end(boundaries), len) != std::end(boundaries);
     message m;
     EXPECT_EQ(m.unflatten(whole.data(), len, message::flatten_full), boundary);
   }
@@ -79,19 +78,76 @@ TEST(Wire, ShortAndLongForms) {
     message m;
     size_t size;
   } cases[] = {
-      {"u32 255", [] { message m; m.insert_u32(1, 255); return m; }(), 2 + 5},
-      {"u32 256", [] { message m; m.insert_u32(1, 256); return m; }(), 2 + 8},
-      {"u32 0", [] { message m; m.insert_u32(1, 0); return m; }(), 2 + 5},
-      {"string 255", [] { message m; m.insert_string(1, std::string(255, 'x')); return m; }(),
+      {"u32 255",
+       [] {
+         message m;
+         m.insert_u32(1, 255);
+         return m;
+       }(),
+       2 + 5},
+      {"u32 256",
+       [] {
+         message m;
+         m.insert_u32(1, 256);
+         return m;
+       }(),
+       2 + 8},
+      {"u32 0",
+       [] {
+         message m;
+         m.insert_u32(1, 0);
+         return m;
+       }(),
+       2 + 5},
+      {"string 255",
+       [] {
+         message m;
+         m.insert_string(1, std::string(255, 'x'));
+         return m;
+       }(),
        2 + 4 + 1 + 255},
-      {"string 256", [] { message m; m.insert_string(1, std::string(256, 'x')); return m; }(),
+      {"string 256",
+       [] {
+         message m;
+         m.insert_string(1, std::string(256, 'x'));
+         return m;
+       }(),
        2 + 4 + 2 + 256},
-      {"raw 0", [] { message m; m.insert_raw(1, {}); return m; }(), 2 + 4 + 1},
-      {"string array", [] { message m; m.insert_string_array(1, {"a"}); return m; }(),
+      {"raw 0",
+       [] {
+         message m;
+         m.insert_raw(1, {});
+         return m;
+       }(),
+       2 + 4 + 1},
+      {"string array",
+       [] {
+         message m;
+         m.insert_string_array(1, {"a"});
+         return m;
+       }(),
        2 + 4 + 2 + 2 + 1},
-      {"u64", [] { message m; m.insert_u64(1, 1); return m; }(), 2 + 12},
-      {"addr6", [] { message m; m.insert_addr6(1, IPAddr6()); return m; }(), 2 + 20},
-      {"bool false", [] { message m; m.insert_bool(1, false); return m; }(), 2 + 4},
+      {"u64",
+       [] {
+         message m;
+         m.insert_u64(1, 1);
+         return m;
+       }(),
+       2 + 12},
+      {"addr6",
+       [] {
+         message m;
+         m.insert_addr6(1, IPAddr6());
+         return m;
+       }(),
+       2 + 20},
+      {"bool false",
+       [] {
+         message m;
+         m.insert_bool(1, false);
+         return m;
+       }(),
+       2 + 4},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -108,8 +164,7 @@ TEST(Wire, LongFormBytesAreLittleEndian) {
   message m;
   m.insert_u32(0x08fd0002, 0x01020304);
   m.insert_u64(0x10000001, 0x1122334455667788ull);
-  EXPECT_EQ(toHex(flat(m)),
-            "4D 32 02 00 FD 08 04 03 02 01 01 00 00 10 88 77 66 55 44 33 22 11");
+  EXPECT_EQ(toHex(flat(m)), "4D 32 02 00 FD 08 04 03 02 01 01 00 00 10 88 77 66 55 44 33 22 11");
 }
 
 TEST(Wire, PathsComeFirstWhateverTheInsertionOrder) {
@@ -210,16 +265,16 @@ TEST(Wire, NoHeaderModeStartsWithTheFirstRecord) {
 TEST(Wire, OlderFormatItemsOfEveryType) {
   const Bytes bytes = fromHex(
       "09 00"
-      "01 05 00 00 03 01 00 EE EE 01"                    // bool sys 5 = true
-      "02 06 00 00 03 01 00 EE EE 2A 00 00 00"           // u32 sys 6 = 42
-      "03 09 00 00 01 01 00 EE EE 03 00 68 69 00"        // string std 9 = "hi" (NUL dropped)
-      "04 07 00 00 02 01 00 EE EE 02 00 AA BB"           // raw local 7
-      "05 08 00 F0 00 01 00 EE EE 02 00 4D 32"           // message global 8 (key bits 16-23 ignored)
+      "01 05 00 00 03 01 00 EE EE 01"              // bool sys 5 = true
+      "02 06 00 00 03 01 00 EE EE 2A 00 00 00"     // u32 sys 6 = 42
+      "03 09 00 00 01 01 00 EE EE 03 00 68 69 00"  // string std 9 = "hi" (NUL dropped)
+      "04 07 00 00 02 01 00 EE EE 02 00 AA BB"     // raw local 7
+      "05 08 00 F0 00 01 00 EE EE 02 00 4D 32"     // message global 8 (key bits 16-23 ignored)
       "02 01 00 00 03 02 00 EE EE 05 00 00 00 07 00 00 00"  // u32 array sys 1 = [5, 7]
-      "03 0A 00 00 00 02 00 EE EE 02 00 61 00 01 00 62"  // string array: NULs kept
-      "04 0B 00 00 00 00 00 EE EE"                       // raw array, count 0: empty
-      "01 0C 00 00 00 02 00 EE EE 00 05"                 // bool array [false, true]
-      "FF FF");                                          // ignored after the items
+      "03 0A 00 00 00 02 00 EE EE 02 00 61 00 01 00 62"     // string array: NULs kept
+      "04 0B 00 00 00 00 00 EE EE"                          // raw array, count 0: empty
+      "01 0C 00 00 00 02 00 EE EE 00 05"                    // bool array [false, true]
+      "FF FF");                                             // ignored after the items
   message m;
   ASSERT_TRUE(decode(bytes, &m));
   EXPECT_TRUE(m.get_bool(0x00ff0005, false));
@@ -274,11 +329,11 @@ TEST(Wire, PassThroughRecordsAreKeptUndecoded) {
 
 TEST(Wire, PassThroughCopyIsBounded) {
   const char* cases[] = {
-      "4D 32 01 00 00 0A 07",                      // long u32 cut
-      "4D 32 01 00 00 23 05 61",                   // string cut
-      "4D 32 01 00 00 8A 02 00 01 00 00 00",       // u32 array cut
-      "4D 32 01 00 00 A2 02 00 01 00 61 05 00 62", // string array element cut
-      "4D 32 01 00 00 BA 00 00",                   // type 7
+      "4D 32 01 00 00 0A 07",                       // long u32 cut
+      "4D 32 01 00 00 23 05 61",                    // string cut
+      "4D 32 01 00 00 8A 02 00 01 00 00 00",        // u32 array cut
+      "4D 32 01 00 00 A2 02 00 01 00 61 05 00 62",  // string array element cut
+      "4D 32 01 00 00 BA 00 00",                    // type 7
   };
   for (const char* hex : cases) {
     SCOPED_TRACE(hex);
@@ -336,7 +391,8 @@ TEST(Wire, BytesConstructorsDecode) {
   const message c{message::flat_message(bytes)};
   message d;
   d = message::flat_message(bytes);
-  for (const message* m : std::vector<const message*>{&a, &b, &c, &d}) EXPECT_TRUE(*m == workedExample());
+  for (const message* m : std::vector<const message*>{&a, &b, &c, &d})
+    EXPECT_TRUE(*m == workedExample());
 }
 
 }  // namespace

@@ -103,8 +103,8 @@ void writeHex(int fd, const char* prefix, uintptr_t value, const char* suffix) {
 
 // Reads raw memory of other frames and of the code: byte by byte and outside the
 // sanitizers' view, since none of it is this program's own objects.
-__attribute__((no_sanitize("address", "undefined"))) void loadBytes(uintptr_t address,
-                                                                   void* out, size_t n) {
+__attribute__((no_sanitize("address", "undefined"))) void loadBytes(uintptr_t address, void* out,
+                                                                    size_t n) {
   const volatile unsigned char* src = reinterpret_cast<const volatile unsigned char*>(address);
   unsigned char* dst = static_cast<unsigned char*>(out);
   for (size_t i = 0; i < n; ++i) dst[i] = src[i];
@@ -119,8 +119,8 @@ uintptr_t loadWord(uintptr_t address) {
 // The machine's registers at the fault, and where the frame walk starts.
 struct Fault {
   uintptr_t pc;
-  uintptr_t link;   // the link register, or 0 where the machine has none
-  uintptr_t frame;  // first frame of the walk
+  uintptr_t link;       // the link register, or 0 where the machine has none
+  uintptr_t frame;      // first frame of the walk
   unsigned linkOffset;  // where a frame keeps its return address
 };
 
@@ -360,7 +360,8 @@ void installCrashHandler() {
   sigemptyset(&action.sa_mask);
   action.sa_flags = SA_RESTART | SA_SIGINFO;
   action.sa_sigaction = crashHandler;
-  for (int sig : {SIGSEGV, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGUSR2}) sigaction(sig, &action, nullptr);
+  for (int sig : {SIGSEGV, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGUSR2})
+    sigaction(sig, &action, nullptr);
 }
 
 }  // namespace internal

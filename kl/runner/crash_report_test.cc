@@ -1,7 +1,7 @@
 #include "kl/runner/crash_report.h"
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -106,7 +106,8 @@ TEST_F(CrashReportTest, AbortPrintsItsCause) {
             1);
   const std::string text = report();
   EXPECT_NE(text.find("\n--- signal=6 ---"), std::string::npos);
-  EXPECT_NE(text.find("\n\nabort cause: store index corrupt\n\nmaps:\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n\nabort cause: store index corrupt\n\nmaps:\n"), std::string::npos)
+      << text;
 }
 
 TEST_F(CrashReportTest, BacktraceRecordsPrintNewestFirst) {
@@ -123,9 +124,11 @@ TEST_F(CrashReportTest, BacktraceRecordsPrintNewestFirst) {
             1);
   const std::string text = report();
   const std::regex records(
-      "extra 0x[0-9a-f]+\nstoring object\n--- kl::message --------\n string \\[STD_DESCR\\]=uplink\n"
+      "extra 0x[0-9a-f]+\nstoring object\n--- kl::message --------\n string "
+      "\\[STD_DESCR\\]=uplink\n"
       "------------------------\n"
-      "extra 0x[0-9a-f]+\nhandling request\n--- kl::message --------\n u32 \\[SYS_CMD\\]=CMD_GETALL\n"
+      "extra 0x[0-9a-f]+\nhandling request\n--- kl::message --------\n u32 "
+      "\\[SYS_CMD\\]=CMD_GETALL\n"
       "------------------------\n\n\n$");
   EXPECT_TRUE(std::regex_search(text, records)) << text;
 }

@@ -87,12 +87,16 @@ TEST_F(RunnerTest, RunLoopDeliversSignalsAndStops) {
     TestRunner* runner;
     int got = 0;
   } ctx{&runner_};
-  runner_.addSighandler(SIGHUP, &ctx, [](void* p, int) {
-    Ctx* c = static_cast<Ctx*>(p);
-    ++c->got;
-    c->runner->stop();
-  }, true);
-  runner_.addTimer(nullptr, [](void*) { raise(SIGHUP); }, 1);
+  runner_.addSighandler(
+      SIGHUP, &ctx,
+      [](void* p, int) {
+        Ctx* c = static_cast<Ctx*>(p);
+        ++c->got;
+        c->runner->stop();
+      },
+      true);
+  runner_.addTimer(
+      nullptr, [](void*) { raise(SIGHUP); }, 1);
   runner_.run();
   EXPECT_EQ(ctx.got, 1);
 }

@@ -28,11 +28,11 @@ struct SignalTable {
   char scratch[64];  // digits of the crash report's numbers
   SignalEntry entries[Runner::kMaxSignal + 1];
   int pipe[2];
-  int handledCount;    // signals at SIGACT_HANDLE; the pipe is open while above zero
-  uintptr_t stackTop;  // page boundary above the Runner constructor's frame
-  char line[100];      // the crash report's read buffer (maps, log tail)
-  char reportPath[256];   // <root>/dev/log244
-  char logPrefix[256];    // <root>/dev/log
+  int handledCount;      // signals at SIGACT_HANDLE; the pipe is open while above zero
+  uintptr_t stackTop;    // page boundary above the Runner constructor's frame
+  char line[100];        // the crash report's read buffer (maps, log tail)
+  char reportPath[256];  // <root>/dev/log244
+  char logPrefix[256];   // <root>/dev/log
 };
 
 extern SignalTable signalTable;

@@ -98,7 +98,6 @@ void ThinRunner::addDelayedTimers() {
   if (!delayed_.empty()) joinHeap(delayed_, getJiffies(), true);
 }
 
-
 // A timer in the heap goes at once; one waiting in a list is only marked, and freed when
 // its list is next processed.
 bool ThinRunner::cancel(TimerInfo* t) {
@@ -111,9 +110,7 @@ bool ThinRunner::cancel(TimerInfo* t) {
   return true;
 }
 
-bool ThinRunner::removeTimer(TimerPtr timer) {
-  return timer ? cancel(timer.get()) : false;
-}
+bool ThinRunner::removeTimer(TimerPtr timer) { return timer ? cancel(timer.get()) : false; }
 
 bool ThinRunner::removeTimer(void* ctx, Callback fn) {
   for (uint32_t i = 0; i < heap_.size(); ++i) {

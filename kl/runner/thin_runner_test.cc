@@ -36,8 +36,8 @@ class ThinRunnerTest : public ::testing::Test {
 
   // Stops the loop `ticks` from now.
   void stopAfter(unsigned int ticks) {
-    runner_.addTimer(this, [](void* self) { static_cast<ThinRunnerTest*>(self)->runner_.stop(); },
-                     ticks);
+    runner_.addTimer(
+        this, [](void* self) { static_cast<ThinRunnerTest*>(self)->runner_.stop(); }, ticks);
   }
 
   TestRunner runner_;
@@ -98,11 +98,15 @@ TEST_F(ThinRunnerTest, ZeroTimeoutArmedInACallbackWaitsForTheNextPass) {
     int fired = 0;
     int rearmed = 0;
   } ctx{&runner_};
-  runner_.addTimer(&ctx, [](void* p) {
-    Ctx* c = static_cast<Ctx*>(p);
-    ++c->fired;
-    c->runner->addTimer(p, [](void* q) { ++static_cast<Ctx*>(q)->rearmed; }, 0);
-  }, 0);
+  runner_.addTimer(
+      &ctx,
+      [](void* p) {
+        Ctx* c = static_cast<Ctx*>(p);
+        ++c->fired;
+        c->runner->addTimer(
+            p, [](void* q) { ++static_cast<Ctx*>(q)->rearmed; }, 0);
+      },
+      0);
   runner_.runTimers();
   EXPECT_EQ(ctx.fired, 1);
   EXPECT_EQ(ctx.rearmed, 0);
@@ -115,11 +119,15 @@ TEST_F(ThinRunnerTest, TimerArmedAndRemovedInOneCallbackNeverFires) {
     ThinRunner* runner;
     int late = 0;
   } ctx{&runner_};
-  runner_.addTimer(&ctx, [](void* p) {
-    Ctx* c = static_cast<Ctx*>(p);
-    TimerPtr t = c->runner->addTimer(p, [](void* q) { ++static_cast<Ctx*>(q)->late; }, 0);
-    EXPECT_TRUE(c->runner->removeTimer(t));
-  }, 0);
+  runner_.addTimer(
+      &ctx,
+      [](void* p) {
+        Ctx* c = static_cast<Ctx*>(p);
+        TimerPtr t = c->runner->addTimer(
+            p, [](void* q) { ++static_cast<Ctx*>(q)->late; }, 0);
+        EXPECT_TRUE(c->runner->removeTimer(t));
+      },
+      0);
   runner_.runTimers();
   runner_.runTimers();
   EXPECT_EQ(ctx.late, 0);
@@ -154,9 +162,11 @@ TEST_F(ThinRunnerTest, DelayedTimerCountsFromWhenTheLoopRegainsControl) {
 
 TEST_F(ThinRunnerTest, DuplicateSocketIsRefusedWithAWarning) {
   const int fd = readablePipe();
-  runner_.addSocket(fd, nullptr, [](void*, int, unsigned int) {}, POLLIN);
+  runner_.addSocket(
+      fd, nullptr, [](void*, int, unsigned int) {}, POLLIN);
   ::testing::internal::CaptureStderr();
-  runner_.addSocket(fd, nullptr, [](void*, int, unsigned int) {}, POLLIN);
+  runner_.addSocket(
+      fd, nullptr, [](void*, int, unsigned int) {}, POLLIN);
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "WARNING: could not add socket fd=" + std::to_string(fd) + " becouse of dup\n");
   EXPECT_EQ(runner_.socketCount(), 1u);
@@ -196,13 +206,16 @@ TEST_F(ThinRunnerTest, SocketAddedDuringThePassWaitsForTheNext) {
     int first, second;
     int servedSecond = 0;
   } ctx{&runner_, readablePipe(), readablePipe()};
-  runner_.addSocket(ctx.first, &ctx, [](void* p, int fd, unsigned int) {
-    Ctx* c = static_cast<Ctx*>(p);
-    c->runner->removeSocket(fd);
-    c->runner->addSocket(c->second, p, [](void* q, int, unsigned int) {
-      ++static_cast<Ctx*>(q)->servedSecond;
-    }, POLLIN);
-  }, POLLIN);
+  runner_.addSocket(
+      ctx.first, &ctx,
+      [](void* p, int fd, unsigned int) {
+        Ctx* c = static_cast<Ctx*>(p);
+        c->runner->removeSocket(fd);
+        c->runner->addSocket(
+            c->second, p, [](void* q, int, unsigned int) { ++static_cast<Ctx*>(q)->servedSecond; },
+            POLLIN);
+      },
+      POLLIN);
   runner_.runSocks(getJiffies());
   EXPECT_EQ(ctx.servedSecond, 0);
   runner_.runSocks(getJiffies());
@@ -223,7 +236,8 @@ TEST_F(ThinRunnerTest, HooksAlternateTheirOrderFromPassToPass) {
     if (++c->passes == 3) c->runner->stop();
   });
   // An always-ready descriptor keeps poll() from sleeping.
-  runner_.addSocket(readablePipe(), nullptr, [](void*, int, unsigned int) {}, POLLIN);
+  runner_.addSocket(
+      readablePipe(), nullptr, [](void*, int, unsigned int) {}, POLLIN);
   runner_.run();
   EXPECT_EQ(log_, (std::vector<std::string>{"2", "1", "1", "2", "2", "1"}));
 }
@@ -242,7 +256,8 @@ TEST_F(ThinRunnerTest, RemovingAdjacentTwinHooksTakesOnlyTheFirst) {
 TEST_F(ThinRunnerTest, ShutdownReleasesEverything) {
   Recorder r{&log_, "r"};
   runner_.addTimer(&r, Recorder::fire, 0);
-  runner_.addSocket(readablePipe(), nullptr, [](void*, int, unsigned int) {}, POLLIN);
+  runner_.addSocket(
+      readablePipe(), nullptr, [](void*, int, unsigned int) {}, POLLIN);
   runner_.addBeforeSleep(&r, Recorder::fire);
   runner_.shutdown();
   EXPECT_EQ(runner_.timerCount(), 0u);

@@ -21,10 +21,10 @@ namespace kl {
 struct TimerInfo {
   static constexpr uint32_t kNotInHeap = 0xFFFFFFFFu;
 
-  void* ctx;             // passed to fn
+  void* ctx;              // passed to fn
   void (*fn)(void* ctx);  // null: cancelled while waiting outside the heap
-  uint32_t expiry;       // absolute in the heap; relative while a delayed timer waits
-  uint32_t index;        // slot in the heap, or kNotInHeap
+  uint32_t expiry;        // absolute in the heap; relative while a delayed timer waits
+  uint32_t index;         // slot in the heap, or kNotInHeap
 };
 
 // The largest span within which two tick values compare.

@@ -67,7 +67,8 @@ TEST_F(TimerHeapTest, RandomExpiriesComeOutSortedAndIndicesStayTrue) {
   std::vector<TimerInfo> timers(500);
   const uint32_t now = 0xFFFF0000u;  // span the wrap
   for (TimerInfo& t : timers) {
-    t = TimerInfo{nullptr, nullptr, now + static_cast<uint32_t>(rng() % 300000), TimerInfo::kNotInHeap};
+    t = TimerInfo{nullptr, nullptr, now + static_cast<uint32_t>(rng() % 300000),
+                  TimerInfo::kNotInHeap};
     heap_.addTimerToHeap(&t, now);
   }
   for (uint32_t i = 0; i < heap_.size(); ++i) ASSERT_EQ(heap_.at(i)->index, i);
@@ -89,9 +90,9 @@ TEST(TickReached, WithinTheSpan) {
     uint32_t expiry, now;
     bool reached;
   } cases[] = {
-      {100, 100, true},          {100, 101, true},        {100, 99, false},
-      {100, 100 + 359999, true}, {100, 100 + 360000, false},
-      {0xFFFFFFFFu, 5, true},    {5, 0xFFFFFFFFu, false},
+      {100, 100, true},          {100, 101, true},           {100, 99, false},
+      {100, 100 + 359999, true}, {100, 100 + 360000, false}, {0xFFFFFFFFu, 5, true},
+      {5, 0xFFFFFFFFu, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.expiry) + " at " + std::to_string(c.now));

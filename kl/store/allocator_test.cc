@@ -127,35 +127,50 @@ TEST(AllocatorDeathTest, MisuseAborts) {
       {"Loud Error: Allocator created with 0 free items, max range specified",
        [] { Allocator a(0, 0xFFFFFFFFu); }},
       {"allocator: empty initialisator", [] { Allocator a(std::vector<unsigned>{}); }},
-      {"allocator: odd length initialisator", [] { Allocator a(std::vector<unsigned>{1, 2, 3}); }},
-      {"allocator: overlapping ranges", [] { Allocator a(std::vector<unsigned>{1, 5, 5, 9}); }},
-      {"allocator: start beyond end", [] { Allocator a(std::vector<unsigned>{9, 5}); }},
-      {"allocator: no free ids", [] {
+      {"allocator: odd length initialisator",
+       [] {
+         Allocator a(std::vector<unsigned>{1, 2, 3});
+       }},
+      {"allocator: overlapping ranges",
+       [] {
+         Allocator a(std::vector<unsigned>{1, 5, 5, 9});
+       }},
+      {"allocator: start beyond end",
+       [] {
+         Allocator a(std::vector<unsigned>{9, 5});
+       }},
+      {"allocator: no free ids",
+       [] {
          Allocator a(1, 1);
          a.allocate();
          a.allocate();
        }},
-      {"allocator: no free ids", [] {
+      {"allocator: no free ids",
+       [] {
          Allocator a(1, 1);
          unsigned first;
          a.allocate();
          a.allocateRange(1, &first, nullptr);
        }},
-      {"allocator: no free ids \\(spec\\)", [] {
+      {"allocator: no free ids \\(spec\\)",
+       [] {
          Allocator a(1, 1);
          a.allocate();
          a.allocate(1);
        }},
-      {"allocator: spec alloc for already allocated", [] {
+      {"allocator: spec alloc for already allocated",
+       [] {
          Allocator a(1, 10);
          a.allocate(5);
          a.allocate(5);
        }},
-      {"allocator: spec alloc for already allocated 2", [] {
+      {"allocator: spec alloc for already allocated 2",
+       [] {
          Allocator a(1, 10);
          a.allocate(11);
        }},
-      {"allocator: free already free id", [] {
+      {"allocator: free already free id",
+       [] {
          Allocator a(1, 10);
          a.free(3);
        }},

@@ -274,9 +274,9 @@ bool Store::writeMsg(unsigned offset, std::vector<unsigned char>& record) {
   storeLe16(record.data(), static_cast<uint16_t>(record.size()));
   const ssize_t n = pwrite(datFd_, record.data(), record.size(), offset);
   if (n != static_cast<ssize_t>(record.size())) {
-    report(n < 0 ? "writeMsg lseek failed"
-                 : n < static_cast<ssize_t>(kRecordHeaderSize) ? "writeMsg write header failed"
-                                                               : "writeMsg write failed");
+    report(n < 0                                         ? "writeMsg lseek failed"
+           : n < static_cast<ssize_t>(kRecordHeaderSize) ? "writeMsg write header failed"
+                                                         : "writeMsg write failed");
     return false;
   }
   flush();

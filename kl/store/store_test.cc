@@ -1,7 +1,7 @@
 #include "kl/store/store.h"
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -97,9 +97,10 @@ TEST_F(StoreTest, GoldenBytesOfOneRecord) {
     s->set(7, m);
   }
   EXPECT_EQ(toHex(file(".idx")), "07 00 00 00 1E 00 00 00 03 00 00 00");
-  EXPECT_EQ(toHex(file(".dat")),
-            "1E 00 4D 32 01 00 FF 88 01 00 05 00 00 00 04 00 00 01 03 00 FF 09 01 03 00 00 21 02 61 "
-            "62");
+  EXPECT_EQ(
+      toHex(file(".dat")),
+      "1E 00 4D 32 01 00 FF 88 01 00 05 00 00 00 04 00 00 01 03 00 FF 09 01 03 00 00 21 02 61 "
+      "62");
 }
 
 TEST_F(StoreTest, ReopenReturnsTheSameMessages) {
@@ -192,7 +193,8 @@ TEST_F(StoreTest, BigEndianFilesAreAcceptedAndRewritten) {
   a.flatten(fa);
   b.flatten(fb);
   auto be32 = [](Bytes& out, uint32_t v) {
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<unsigned char>(v >> shift));
+    for (int shift = 24; shift >= 0; shift -= 8)
+      out.push_back(static_cast<unsigned char>(v >> shift));
   };
   Bytes idx, dat;
   const uint32_t la = fa.size() + 2, lb = fb.size() + 2;
@@ -391,9 +393,11 @@ TEST_F(StoreTest, SurvivesKillsDuringAStreamOfWrites) {
       // operation can leave behind.
       const bool matchesInFlight = isInFlight;
       EXPECT_TRUE(matchesDone || matchesInFlight)
-          << "id " << i << " in flight: " << (inFlight ? (erase ? "remove " : "set ") + std::to_string(id) : "none")
-          << ", stored: " << (s->has(i) ? "yes" : "no") << ", model: "
-          << (it == model.end() ? "absent" : "present") << ", ids " << s->ids().size();
+          << "id " << i << " in flight: "
+          << (inFlight ? (erase ? "remove " : "set ") + std::to_string(id) : "none")
+          << ", stored: " << (s->has(i) ? "yes" : "no")
+          << ", model: " << (it == model.end() ? "absent" : "present") << ", ids "
+          << s->ids().size();
       if (s->has(i)) {
         model[i] = s->get(i);
       } else {
@@ -402,8 +406,8 @@ TEST_F(StoreTest, SurvivesKillsDuringAStreamOfWrites) {
     }
   }
   RecordProperty("wipes", wipes);
-  std::cout << "store kill test: " << wipes << " of " << kKills << " kills led to a wipe, "
-            << stale << " left a stale record under the interrupted id\n";
+  std::cout << "store kill test: " << wipes << " of " << kKills << " kills led to a wipe, " << stale
+            << " left a stale record under the interrupted id\n";
 }
 
 }  // namespace

@@ -20,7 +20,8 @@ bool setLock(int fd, short type) {
 
 }  // namespace
 
-Wlock::Wlock(const std::string& path) : fd_(open((path + ".lock").c_str(), O_RDWR | O_CREAT, 0600)) {
+Wlock::Wlock(const std::string& path)
+    : fd_(open((path + ".lock").c_str(), O_RDWR | O_CREAT, 0600)) {
   if (fd_ < 0) {
     std::cerr << "STORE: lock open failed" << std::endl;
     return;

@@ -12,7 +12,8 @@ struct ReverseTable {
   unsigned char value[256];
   constexpr ReverseTable() : value() {
     for (unsigned char& v : value) v = 255;
-    for (unsigned i = 0; i < sizeof kAlphabet; ++i) value[static_cast<unsigned char>(kAlphabet[i])] = static_cast<unsigned char>(i);
+    for (unsigned i = 0; i < sizeof kAlphabet; ++i)
+      value[static_cast<unsigned char>(kAlphabet[i])] = static_cast<unsigned char>(i);
   }
 };
 constexpr ReverseTable kReverse;
@@ -74,8 +75,8 @@ std::string base64Encode(const std::string& in) {
 
 bool base64Decode(const std::string& in, std::string& out) {
   out.assign(in.size() / 4 * 3, '\0');
-  const int n = base64Decode(in.data(), in.size(), reinterpret_cast<unsigned char*>(&out[0]),
-                             out.size());
+  const int n =
+      base64Decode(in.data(), in.size(), reinterpret_cast<unsigned char*>(&out[0]), out.size());
   if (n < 0) return false;
   out.resize(n);
   return true;

@@ -67,7 +67,7 @@ TEST(Base64, DecoderLeniencyAndErrors) {
   EXPECT_FALSE(base64Decode("TW!=", out));
   EXPECT_EQ(out.size(), 3u);  // keeps the size it was given
   EXPECT_FALSE(base64Decode("TW E", out));
-  EXPECT_TRUE(base64Decode("T=Fu", out));  // "=" is accepted anywhere
+  EXPECT_TRUE(base64Decode("T=Fu", out));                   // "=" is accepted anywhere
   EXPECT_TRUE(base64Decode(std::string("TW\0u", 4), out));  // so is a NUL byte
   EXPECT_TRUE(base64Decode("TWE=", out));
   EXPECT_EQ(out, "Ma");

@@ -32,10 +32,18 @@ std::string unitText(unsigned long long n, const char* const formats[4]) {
 // Multiplier of a str2duration unit at *p, advancing past it; 0 for an unknown unit.
 uint64_t durationUnit(const char*& p) {
   switch (*p) {
-    case 'w': ++p; return 604800ull * 1000000000ull;
-    case 'd': ++p; return 86400ull * 1000000000ull;
-    case 'h': ++p; return 3600ull * 1000000000ull;
-    case 's': ++p; return 1000000000ull;
+    case 'w':
+      ++p;
+      return 604800ull * 1000000000ull;
+    case 'd':
+      ++p;
+      return 86400ull * 1000000000ull;
+    case 'h':
+      ++p;
+      return 3600ull * 1000000000ull;
+    case 's':
+      ++p;
+      return 1000000000ull;
     case 'm':
       if (p[1] == 's') {
         p += 2;
@@ -51,7 +59,8 @@ uint64_t durationUnit(const char*& p) {
       if (p[1] != 's') return 0;
       p += 2;
       return 1ull;
-    default: return 0;
+    default:
+      return 0;
   }
 }
 
@@ -78,12 +87,28 @@ unsigned long long str2bytes(const std::string& s) {
     }
     if (isBlank(c)) continue;
     switch (c) {
-      case 'b': case 'B': total += pending; break;
-      case 'k': case 'K': total += pending << 10; break;
-      case 'm': case 'M': total += pending << 20; break;
-      case 'g': case 'G': total += pending << 30; break;
-      case 't': case 'T': total += static_cast<unsigned long long>(static_cast<uint32_t>(pending)) << 40; break;
-      default: break;
+      case 'b':
+      case 'B':
+        total += pending;
+        break;
+      case 'k':
+      case 'K':
+        total += pending << 10;
+        break;
+      case 'm':
+      case 'M':
+        total += pending << 20;
+        break;
+      case 'g':
+      case 'G':
+        total += pending << 30;
+        break;
+      case 't':
+      case 'T':
+        total += static_cast<unsigned long long>(static_cast<uint32_t>(pending)) << 40;
+        break;
+      default:
+        break;
     }
     pending = 0;  // any other character silently drops the number before it
   }
@@ -263,7 +288,9 @@ std::string bin2hex(const unsigned char* data, int len, bool upper) {
 std::string u2str(unsigned v) { return std::to_string(v); }
 std::string i2str(int v) { return std::to_string(v); }
 std::string ull2str(unsigned long long v) { return std::to_string(v); }
-unsigned str2u(const std::string& s) { return static_cast<unsigned>(strtoul(s.c_str(), nullptr, 10)); }
+unsigned str2u(const std::string& s) {
+  return static_cast<unsigned>(strtoul(s.c_str(), nullptr, 10));
+}
 int str2i(const std::string& s) { return static_cast<int>(strtol(s.c_str(), nullptr, 10)); }
 unsigned long long str2ull(const std::string& s) { return strtoull(s.c_str(), nullptr, 10); }
 bool str2bool(const std::string& s) { return s == "true"; }

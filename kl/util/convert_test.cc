@@ -38,9 +38,15 @@ TEST(Convert, Str2bytes) {
     const char* text;
     unsigned long long expected;
   } cases[] = {
-      {"", 0},           {"2K", 2048},          {"1x5", 5},
-      {"1G 512M", 1610612736ull}, {"1k 512", 1536}, {"1.5M", 5242880},
-      {"7b", 7},         {"1t", 1ull << 40},    {"4294967297T", 1ull << 40},  // low 32 bits
+      {"", 0},
+      {"2K", 2048},
+      {"1x5", 5},
+      {"1G 512M", 1610612736ull},
+      {"1k 512", 1536},
+      {"1.5M", 5242880},
+      {"7b", 7},
+      {"1t", 1ull << 40},
+      {"4294967297T", 1ull << 40},  // low 32 bits
       {" 1 0 ", 10},
   };
   for (const auto& c : cases) {
@@ -55,10 +61,10 @@ TEST(Convert, Str2duration) {
     const char* text;
     long long ns;
   } ok[] = {
-      {"1h30m", 5400 * s}, {"1h 30m", 5400 * s}, {"1h30", 3630 * s}, {"90", 90 * s},
-      {"90 ", 90 * s},     {"-1m", -60 * s},     {"1:30", 5400 * s}, {"1:30:15", 5415 * s},
+      {"1h30m", 5400 * s}, {"1h 30m", 5400 * s}, {"1h30", 3630 * s},  {"90", 90 * s},
+      {"90 ", 90 * s},     {"-1m", -60 * s},     {"1:30", 5400 * s},  {"1:30:15", 5415 * s},
       {"010s", 8 * s},     {"0x10s", 16 * s},    {"2w", 1209600 * s}, {"1d", 86400 * s},
-      {"5ms", 5000000},    {"7us", 7000},        {"9ns", 9},         {"  4 s", 4 * s},
+      {"5ms", 5000000},    {"7us", 7000},        {"9ns", 9},          {"  4 s", 4 * s},
   };
   for (const auto& c : ok) {
     SCOPED_TRACE(c.text);
@@ -89,8 +95,8 @@ TEST(Convert, TimesOfDay) {
   const struct {
     const char* text;
     unsigned seconds;
-  } cases[] = {{"7", 25200}, {"7:30", 27000}, {"7:30:15", 27015}, {"24:00", 0},
-               {"7a", 0},    {" 7 : 30 ", 27000}, {"", 0}, {"0:0:86401", 1}};
+  } cases[] = {{"7", 25200},        {"7:30", 27000}, {"7:30:15", 27015}, {"24:00", 0}, {"7a", 0},
+               {" 7 : 30 ", 27000}, {"", 0},         {"0:0:86401", 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     EXPECT_EQ(str2time(c.text), c.seconds);
@@ -108,8 +114,8 @@ TEST(Convert, Money) {
   const struct {
     const char* text;
     unsigned hundredths;
-  } cases[] = {{"12.5", 1250}, {"12,34", 1234}, {"12.345", 1234}, {"12", 1200}, {"abc", 0},
-               {"12.3.4", 1230}, {"1a.5", 100}, {".07", 7}, {"", 0}};
+  } cases[] = {{"12.5", 1250},   {"12,34", 1234}, {"12.345", 1234}, {"12", 1200}, {"abc", 0},
+               {"12.3.4", 1230}, {"1a.5", 100},   {".07", 7},       {"", 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     EXPECT_EQ(money2u(c.text), c.hundredths);

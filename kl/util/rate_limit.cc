@@ -55,9 +55,16 @@ bool parseRate(const std::string& s, unsigned* value) {
     if (end[0] != '\0') {
       if (end[1] != '\0') return false;
       switch (end[0]) {
-        case 'k': case 'K': v *= 1000u; break;
-        case 'm': case 'M': v *= 1000000u; break;
-        default: return false;
+        case 'k':
+        case 'K':
+          v *= 1000u;
+          break;
+        case 'm':
+        case 'M':
+          v *= 1000000u;
+          break;
+        default:
+          return false;
       }
     }
   }
@@ -91,8 +98,8 @@ bool parseBwRates(const std::string& s, unsigned* rateA, unsigned* rateB, unsign
   // rate. Outputs not given point at scratch storage.
   const bool defaults = rateA != nullptr;
   unsigned scratch[11];
-  unsigned** outputs[] = {&rateA,  &rateB, &burstA,   &burstB,   &thresholdA, &thresholdB,
-                          &timeA,  &timeB, &limitAtA, &limitAtB, &priority};
+  unsigned** outputs[] = {&rateA, &rateB, &burstA,   &burstB,   &thresholdA, &thresholdB,
+                          &timeA, &timeB, &limitAtA, &limitAtB, &priority};
   for (int i = 0; i < 11; ++i) {
     if (*outputs[i] == nullptr) *outputs[i] = &scratch[i];
   }
@@ -262,8 +269,8 @@ std::string duration2str(unsigned seconds, const std::string& sep) {
     unsigned value;
     const char* unit;
   } pieces[] = {
-      {seconds / 604800, "w"},     {seconds / 86400 % 7, "d"}, {seconds / 3600 % 24, "h"},
-      {seconds / 60 % 60, "m"},    {seconds % 60, "s"},
+      {seconds / 604800, "w"},  {seconds / 86400 % 7, "d"}, {seconds / 3600 % 24, "h"},
+      {seconds / 60 % 60, "m"}, {seconds % 60, "s"},
   };
   std::string text;
   for (const auto& p : pieces) {

@@ -36,7 +36,8 @@ TEST(ParseBwRates, AcceptedStrings) {
       {"1M 0 0 0 8", {1000000, 1000000, 0, 0, 0, 0, 0, 0, 1000000, 1000000, 8}},
       {"  5m\t\t6K  ", {5000000, 5000000, 6000, 6000, 5000000, 5000000, 1, 1, 5000000, 5000000, 0}},
       {"2M/1M 0/0 0/0 0/0 3 1M/500k", {2000000, 1000000, 0, 0, 0, 0, 0, 0, 1000000, 500000, 3}},
-      {"1k 2k 3k 4/5 1 1k ignored extra", {1000, 1000, 2000, 2000, 3000, 3000, 4, 5, 1000, 1000, 1}},
+      {"1k 2k 3k 4/5 1 1k ignored extra",
+       {1000, 1000, 2000, 2000, 3000, 3000, 4, 5, 1000, 1000, 1}},
       {"/", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
   };
   for (const auto& c : cases) {
@@ -55,8 +56,8 @@ TEST(ParseBwRates, RejectedStrings) {
       "10G",            // no G unit
       "10kb",           // two characters after the digits
       "12x",
-      "1k/2k/3k",       // only the first slash splits
-      "1k 2k 3k 4k",    // times take no unit
+      "1k/2k/3k",     // only the first slash splits
+      "1k 2k 3k 4k",  // times take no unit
       "1k 2k 3k 4 p",
   };
   for (const char* text : cases) {
@@ -68,8 +69,8 @@ TEST(ParseBwRates, RejectedStrings) {
 
 TEST(ParseBwRates, NullOutputsAreParsedAndDropped) {
   unsigned priority = 99;
-  EXPECT_TRUE(parseBwRates("1M 2M", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                           nullptr, nullptr, nullptr, nullptr, &priority));
+  EXPECT_TRUE(parseBwRates("1M 2M", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                           nullptr, nullptr, nullptr, &priority));
   EXPECT_EQ(priority, 0u);
   EXPECT_FALSE(parseBwRates("1M 0 0 0 9", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                             nullptr, nullptr, nullptr, nullptr, nullptr));
@@ -82,14 +83,41 @@ TEST(RateLim2str, PlainAndPrettyForms) {
     const char* pretty;
   } cases[] = {
       {Limit(), "", ""},
-      {[] { Limit l; l.rateA = 10000000; l.rateB = 5000000; return l; }(), "10000000/5000000",
-       "9M549K640B/4M786K832B"},
-      {[] { Limit l; l.rateA = l.rateB = 1000; l.priority = 3; return l; }(),
+      {[] {
+         Limit l;
+         l.rateA = 10000000;
+         l.rateB = 5000000;
+         return l;
+       }(),
+       "10000000/5000000", "9M549K640B/4M786K832B"},
+      {[] {
+         Limit l;
+         l.rateA = l.rateB = 1000;
+         l.priority = 3;
+         return l;
+       }(),
        "1000/1000 0/0 0/0 0/0 3", "1000B/1000B 0/0 0/0 0/0 3"},
-      {[] { Limit l; l.limitAtA = 500; return l; }(), "0/0 0/0 0/0 0/0 0 500", "0/0 0/0 0/0 0/0 0 500B"},
-      {[] { Limit l; l.rateA = 2048; l.timeA = 5400; l.timeB = 60; return l; }(), "2048/0 0/0 0/0 5400/60",
-       "2K/0 0/0 0/0 1h30m/1m"},
-      {[] { Limit l; l.rateA = 7; l.rateB = 0; return l; }(), "7", "7B"},
+      {[] {
+         Limit l;
+         l.limitAtA = 500;
+         return l;
+       }(),
+       "0/0 0/0 0/0 0/0 0 500", "0/0 0/0 0/0 0/0 0 500B"},
+      {[] {
+         Limit l;
+         l.rateA = 2048;
+         l.timeA = 5400;
+         l.timeB = 60;
+         return l;
+       }(),
+       "2048/0 0/0 0/0 5400/60", "2K/0 0/0 0/0 1h30m/1m"},
+      {[] {
+         Limit l;
+         l.rateA = 7;
+         l.rateB = 0;
+         return l;
+       }(),
+       "7", "7B"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.plain);
@@ -135,8 +163,8 @@ TEST(RateLim2str, PlainFormParsesBackOverRandomLimits) {
   // With every setting set nothing is elided and the numbers come back exactly.
   for (int i = 0; i < 1000; ++i) {
     Limit l;
-    unsigned* all[] = {&l.rateA, &l.rateB, &l.burstA, &l.burstB, &l.thresholdA, &l.thresholdB,
-                       &l.timeA, &l.timeB};
+    unsigned* all[] = {&l.rateA,      &l.rateB,      &l.burstA, &l.burstB,
+                       &l.thresholdA, &l.thresholdB, &l.timeA,  &l.timeB};
     for (unsigned* v : all) *v = rng() % 4000000000u + 1;
     l.limitAtA = rng() % l.rateA + 1;
     l.limitAtB = rng() % l.rateB + 1;

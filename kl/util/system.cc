@@ -46,14 +46,15 @@ ssize_t retryEintr(F f) {
 int insmod(const char* module, const char* params) {
   utsname u;
   if (uname(&u) != 0) return -1;
-  const std::string path = kl::rootedPath(("/lib/modules/" + std::string(u.release) + "/" + module).c_str());
+  const std::string path =
+      kl::rootedPath(("/lib/modules/" + std::string(u.release) + "/" + module).c_str());
   Fd file(open(path.c_str(), O_RDONLY));
   struct stat st;
   if (file.fd < 0 || fstat(file.fd, &st) != 0) return -1;
   void* image = mmap(nullptr, st.st_size, PROT_READ, MAP_SHARED, file.fd, 0);
   if (image == MAP_FAILED) return -1;
-  const int result = static_cast<int>(
-      syscall(SYS_init_module, image, static_cast<unsigned long>(st.st_size), params ? params : ""));
+  const int result = static_cast<int>(syscall(
+      SYS_init_module, image, static_cast<unsigned long>(st.st_size), params ? params : ""));
   munmap(image, st.st_size);
   return result;
 }
@@ -71,8 +72,8 @@ std::string kernelModuleName(const char* module) {
 }
 
 int rmmod(const char* module) {
-  return static_cast<int>(syscall(SYS_delete_module, kernelModuleName(module).c_str(),
-                                  O_NONBLOCK | O_EXCL));
+  return static_cast<int>(
+      syscall(SYS_delete_module, kernelModuleName(module).c_str(), O_NONBLOCK | O_EXCL));
 }
 
 bool isSensitiveFile(const std::string& name) {
@@ -140,7 +141,8 @@ bool isPackageActive(const char* name) {
 unsigned getFreeMemory(const char* meminfoPath, const char* ramccPath, unsigned* total) {
   unsigned freeKb = 0xFFFFFFFFu;
   if (FILE* f = fopen(meminfoPath, "r")) {
-    static const char* const kLines[] = {"MemTotal: %u", "MemFree: %u", "Buffers: %u", "Cached: %u"};
+    static const char* const kLines[] = {"MemTotal: %u", "MemFree: %u", "Buffers: %u",
+                                         "Cached: %u"};
     char line[256];
     bool stop = false;
     while (!stop) {

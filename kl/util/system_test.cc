@@ -25,9 +25,15 @@ TEST(NormalizePath, Table) {
     bool ok;
     const char* out;
   } cases[] = {
-      {"", true, ""},          {"a/./b/../c", true, "/a/c"}, {"//x//", true, "/x"},
-      {"/..", false, ""},      {"a/..", true, "/"},          {"../a", false, ""},
-      {"/a/b/../../", true, "/"}, {"/a/b/c/../../d", true, "/a/d"}, {".", true, "/"},
+      {"", true, ""},
+      {"a/./b/../c", true, "/a/c"},
+      {"//x//", true, "/x"},
+      {"/..", false, ""},
+      {"a/..", true, "/"},
+      {"../a", false, ""},
+      {"/a/b/../../", true, "/"},
+      {"/a/b/c/../../d", true, "/a/d"},
+      {".", true, "/"},
       {"a/../..", false, ""},
   };
   for (const auto& c : cases) {
@@ -75,7 +81,7 @@ TEST_F(FilesTest, CopyFileKeepsModeAndAnOldTail) {
 
   EXPECT_FALSE(copyFile(path("/missing"), path("/x")));
   makeDir("/dir");
-  EXPECT_FALSE(copyFile(path("/dir"), path("/x")));         // not a regular file
+  EXPECT_FALSE(copyFile(path("/dir"), path("/x")));          // not a regular file
   EXPECT_FALSE(copyFile(path("/src"), path("/no/such/x")));  // dst cannot be opened
 }
 

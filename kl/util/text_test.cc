@@ -17,12 +17,8 @@ TEST(Split, AppendsNonEmptyRuns) {
     const char* delims;
     Strings expected;
   } cases[] = {
-      {"  a  b ", " ", {"a", "b"}},
-      {"", " ", {}},
-      {"   ", " ", {}},
-      {"a,b;;c", ",;", {"a", "b", "c"}},
-      {"abc", "", {"abc"}},
-      {"/x//y/", "/", {"x", "y"}},
+      {"  a  b ", " ", {"a", "b"}},      {"", " ", {}},        {"   ", " ", {}},
+      {"a,b;;c", ",;", {"a", "b", "c"}}, {"abc", "", {"abc"}}, {"/x//y/", "/", {"x", "y"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
@@ -52,10 +48,10 @@ TEST(Escaping, SqlAndHtml) {
 
 // regExpMatch against grep -E over the same lines: one grep run per pattern.
 TEST(RegExpMatch, AgreesWithGrep) {
-  const Strings lines = {"eth0",         "eth10",    "wlan0",  "bridge-lan", "192.168.1.1",
-                         "ether1 up",    "ETHER",    "",       "a+b",        "x.y"};
-  const Strings patterns = {"^eth[0-9]$", "eth",     "^$",      "[0-9]+\\.[0-9]+", "up$",
-                            "(lan|wlan)", "a\\+b",   "^.\\..$", "ETH|wlan",        "[[:upper:]]{5}"};
+  const Strings lines = {"eth0",      "eth10", "wlan0", "bridge-lan", "192.168.1.1",
+                         "ether1 up", "ETHER", "",      "a+b",        "x.y"};
+  const Strings patterns = {"^eth[0-9]$", "eth",   "^$",      "[0-9]+\\.[0-9]+", "up$",
+                            "(lan|wlan)", "a\\+b", "^.\\..$", "ETH|wlan",        "[[:upper:]]{5}"};
   char path[] = "/tmp/kl-regex-XXXXXX";
   const int fd = mkstemp(path);
   ASSERT_GE(fd, 0);
@@ -85,8 +81,8 @@ TEST(ParseAddress, DottedQuadsAndShortForms) {
   std::mt19937 rng(7);
   for (int i = 0; i < 1000; ++i) {
     const unsigned a = rng() % 256, b = rng() % 256, c = rng() % 256, d = rng() % 256;
-    const std::string text = std::to_string(a) + "." + std::to_string(b) + "." +
-                             std::to_string(c) + "." + std::to_string(d);
+    const std::string text = std::to_string(a) + "." + std::to_string(b) + "." + std::to_string(c) +
+                             "." + std::to_string(d);
     unsigned addr = 0;
     ASSERT_TRUE(parseAddress(text, &addr)) << text;
     EXPECT_EQ(addr, a << 24 | b << 16 | c << 8 | d) << text;
@@ -96,9 +92,8 @@ TEST(ParseAddress, DottedQuadsAndShortForms) {
     bool ok;
     unsigned addr;
   } cases[] = {
-      {"10.1", true, 0x0a000001},     {"0x0a000001", true, 0x0a000001},
-      {"127.1.2", true, 0x7f010002},  {"256.0.0.1", false, 0},
-      {"1.2.3.4.5", false, 0},        {"", false, 0},
+      {"10.1", true, 0x0a000001}, {"0x0a000001", true, 0x0a000001}, {"127.1.2", true, 0x7f010002},
+      {"256.0.0.1", false, 0},    {"1.2.3.4.5", false, 0},          {"", false, 0},
       {"a.b.c.d", false, 0},
   };
   for (const auto& c : cases) {
@@ -118,14 +113,21 @@ TEST(ParsePrefix, MasksByClassAndLength) {
     bool ok;
     unsigned addr, mask;
   } cases[] = {
-      {"10.0.0.1", true, 0x0a000001, 0xFF000000},    {"172.16.0.1", true, 0xac100001, 0xFFFF0000},
-      {"192.168.1.0", true, 0xc0a80100, 0xFFFFFF00}, {"224.0.0.1", false, 0, 0},
-      {"192.168.1.0/24", true, 0xc0a80100, 0xFFFFFF00}, {"1.2.3.4/0", true, 0x01020304, 0},
-      {"1.2.3.4/32", true, 0x01020304, 0xFFFFFFFF},  {"1.2.3.4/1", true, 0x01020304, 0x80000000},
-      {"1.2.3.4/33", true, 0x01020304, 0},           {"1.2.3.4/64", true, 0x01020304, 0},
+      {"10.0.0.1", true, 0x0a000001, 0xFF000000},
+      {"172.16.0.1", true, 0xac100001, 0xFFFF0000},
+      {"192.168.1.0", true, 0xc0a80100, 0xFFFFFF00},
+      {"224.0.0.1", false, 0, 0},
+      {"192.168.1.0/24", true, 0xc0a80100, 0xFFFFFF00},
+      {"1.2.3.4/0", true, 0x01020304, 0},
+      {"1.2.3.4/32", true, 0x01020304, 0xFFFFFFFF},
+      {"1.2.3.4/1", true, 0x01020304, 0x80000000},
+      {"1.2.3.4/33", true, 0x01020304, 0},
+      {"1.2.3.4/64", true, 0x01020304, 0},
       {"1.2.3.4/65", true, 0x01020304, 0x80000000},  // (32 - 65) mod 64 is 31
-      {"1.2.3.4/x", false, 0, 0},                    {"1.2.3.4/8/8", false, 0, 0},
-      {"10.0.0.1/", true, 0x0a000001, 0xFF000000},   {"", false, 0, 0},
+      {"1.2.3.4/x", false, 0, 0},
+      {"1.2.3.4/8/8", false, 0, 0},
+      {"10.0.0.1/", true, 0x0a000001, 0xFF000000},
+      {"", false, 0, 0},
       {"nonsense/8", false, 0, 0},
   };
   for (const auto& c : cases) {
