@@ -4,6 +4,7 @@
 #   make demo        build and run the demonstration
 #   make test        host build, warnings as errors, all tests
 #   make asan-test   all tests under AddressSanitizer + UndefinedBehaviorSanitizer
+#   make clang-test  the host build and tests with clang instead of g++
 #   make ppc-test    cross-build for 32-bit big-endian PowerPC, all tests under qemu-ppc
 #   make bench       Release build, all benchmarks
 #   make fuzz        a short run of each fuzz target (FUZZ_SECONDS, default 20)
@@ -18,7 +19,7 @@ FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
 FUZZ_SECONDS ?= 20
 CTEST := ctest --output-on-failure -j2
 
-.PHONY: all demo test asan-test ppc-test bench fuzz install-check format-check clean
+.PHONY: all demo test asan-test clang-test ppc-test bench fuzz install-check format-check clean
 
 all: test
 
@@ -39,6 +40,12 @@ asan-test:
 	cmake -S . -B build-asan -G Ninja -DKL_WERROR=ON -DKL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 	cmake --build build-asan
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1 $(CTEST)
+
+clang-test:
+	@$(ENSURE) $(HOST_PACKAGES) clang
+	CXX=clang++ cmake -S . -B build-clang -G Ninja -DKL_WERROR=ON
+	cmake --build build-clang
+	cd build-clang && $(CTEST)
 
 ppc-test:
 	@$(ENSURE) $(PPC_PACKAGES)
@@ -71,4 +78,4 @@ format-check:
 	git ls-files '*.cc' '*.h' | xargs clang-format --dry-run --Werror
 
 clean:
-	rm -rf build build-asan build-ppc build-release build-fuzz
+	rm -rf build build-asan build-clang build-ppc build-release build-fuzz

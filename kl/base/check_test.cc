@@ -15,7 +15,7 @@ int positive(int v) {
 TEST(CheckDeathTest, PrintsTheAssertionLineAndAborts) {
   EXPECT_EXIT(
       positive(0), ::testing::KilledBySignal(SIGABRT),
-      "(^|\n)[^\n]*kl/base/check_test\\.cc:[0-9]+: int kl::\\{anonymous\\}::positive\\(int\\): "
+      "(^|\n)[^\n]*kl/base/check_test\\.cc:[0-9]+: int kl::(\\{anonymous\\}|\\(anonymous namespace\\))::positive\\(int\\): "
       "Assertion `v > 0' failed\\.\n");
 }
 

@@ -4,7 +4,7 @@ namespace kl {
 
 namespace {
 
-const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
 
 // Each byte's index in the alphabet, 255 when absent. Built over the alphabet's 66 bytes,
 // its terminating NUL included, so "=" maps to 64 and NUL to 65: both decode without error.
