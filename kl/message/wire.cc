@@ -103,6 +103,11 @@ unsigned int recordBound(const V& value) {
 
 // --- decoding -------------------------------------------------------------------------------
 
+void assignBytes(std::string* out, const unsigned char* data, size_t n) {
+  out->assign(reinterpret_cast<const char*>(data), n);
+}
+void assignBytes(Bytes* out, const unsigned char* data, size_t n) { out->assign(data, data + n); }
+
 // A bounded view of the input; every read checks that its bytes lie inside.
 struct Cursor {
   const unsigned char* p;
@@ -139,17 +144,23 @@ struct Cursor {
     p += n;
     return true;
   }
-  // A length (1 byte when `shortForm`, else 2) and that many bytes, assigned to `out`.
-  template <class Blob>
-  bool block(Blob* out, bool shortForm) {
-    unsigned int n;
-    if (!(shortForm ? u8(&n) : u16(&n)) || !has(n)) return false;
-    assignBytes(out, n);
-    p += n;
+  // A length (1 byte when `shortForm`, else 2) and that many bytes, which *data then
+  // points at.
+  bool span(bool shortForm, const unsigned char** data, unsigned int* n) {
+    if (!(shortForm ? u8(n) : u16(n)) || !has(*n)) return false;
+    *data = p;
+    p += *n;
     return true;
   }
-  void assignBytes(std::string* out, size_t n) { out->assign(reinterpret_cast<const char*>(p), n); }
-  void assignBytes(Bytes* out, size_t n) { out->assign(p, p + n); }
+  // The same, assigned to `out`.
+  template <class Blob>
+  bool block(Blob* out, bool shortForm) {
+    const unsigned char* data;
+    unsigned int n;
+    if (!span(shortForm, &data, &n)) return false;
+    assignBytes(out, data, n);
+    return true;
+  }
 };
 
 bool getElement(Cursor& c, bool* v) {
@@ -277,11 +288,13 @@ void moveArrayToFront(message::Rep* r, uint32_t id) {
   r->arrays = node;
 }
 
+// The value goes straight into its node, once its bytes are known to be there.
 template <class Blob>
 bool decodeBlob(message::Rep* r, Cursor& c, uint32_t id, bool shortForm) {
-  Blob value;
-  if (!c.block(&value, shortForm)) return false;
-  findOrCreateIn<Blob>(r->fields, id) = std::move(value);
+  const unsigned char* data;
+  unsigned int n;
+  if (!c.span(shortForm, &data, &n)) return false;
+  assignBytes(&findOrCreateIn<Blob>(r->fields, id), data, n);
   return true;
 }
 
