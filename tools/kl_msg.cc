@@ -257,55 +257,40 @@ void insertScalar(kl::message& m, uint32_t type, uint32_t id, const Value& v) {
   }
 }
 
-// Creates an empty array (the text "u32[]:5=" asks for one).
-void createArray(kl::message& m, uint32_t type, uint32_t id) {
-  switch (type) {
-    case kl::kTypeBool:
-      m.insert_bool_array(id, {});
-      break;
-    case kl::kTypeU32:
-      m.insert_u32_array(id, {});
-      break;
-    case kl::kTypeU64:
-      m.insert_u64_array(id, {});
-      break;
-    case kl::kTypeAddr6:
-      m.insert_addr6_array(id, {});
-      break;
-    case kl::kTypeString:
-      m.insert_string_array(id, {});
-      break;
-    case kl::kTypeMessage:
-      m.insert_message_array(id, {});
-      break;
-    default:
-      m.insert_raw_array(id, {});
-      break;
-  }
+// One member of every value, as an array of that type.
+template <class T, class Pick>
+std::vector<T> column(const std::vector<Value>& values, Pick pick) {
+  std::vector<T> out;
+  for (const Value& v : values) out.push_back(pick(v));
+  return out;
 }
 
-void appendElement(kl::message& m, uint32_t type, uint32_t id, const Value& v) {
+// Creates (or replaces) the array; no values give an empty one ("u32[]:5=").
+void insertArray(kl::message& m, uint32_t type, uint32_t id, const std::vector<Value>& values) {
   switch (type) {
     case kl::kTypeBool:
-      m.get_bool_array_ref(id).push_back(v.b);
+      m.insert_bool_array(id, column<bool>(values, [](const Value& v) { return v.b; }));
       break;
     case kl::kTypeU32:
-      m.get_u32_array_ref(id).push_back(v.u32);
+      m.insert_u32_array(id, column<unsigned int>(values, [](const Value& v) { return v.u32; }));
       break;
     case kl::kTypeU64:
-      m.get_u64_array_ref(id).push_back(v.u64);
+      m.insert_u64_array(id,
+                         column<unsigned long long>(values, [](const Value& v) { return v.u64; }));
       break;
     case kl::kTypeAddr6:
-      m.get_addr6_array_ref(id).push_back(v.addr6);
+      m.insert_addr6_array(id, column<IPAddr6>(values, [](const Value& v) { return v.addr6; }));
       break;
     case kl::kTypeString:
-      m.get_string_array_ref(id).push_back(v.text);
+      m.insert_string_array(id, column<std::string>(values, [](const Value& v) { return v.text; }));
       break;
     case kl::kTypeMessage:
-      m.get_message_array_ref(id).push_back(kl::message::flat_message(v.bytes));
+      m.insert_message_array(id, column<kl::message::flat_message>(values, [](const Value& v) {
+                               return kl::message::flat_message(v.bytes);
+                             }));
       break;
     default:
-      m.get_raw_array_ref(id).push_back(v.bytes);
+      m.insert_raw_array(id, column<Bytes>(values, [](const Value& v) { return v.bytes; }));
       break;
   }
 }
@@ -344,9 +329,7 @@ std::string addField(kl::message& m, const std::string& field) {
       return "bad element '" + element + "' in '" + field + "'";
     }
   }
-  m.remove_array(id);  // a repeated field replaces the earlier one
-  createArray(m, type->bits, id);
-  for (const Value& v : elements) appendElement(m, type->bits, id, v);
+  insertArray(m, type->bits, id, elements);  // a repeated field replaces the earlier one
   return "";
 }
 
