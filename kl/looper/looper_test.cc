@@ -1,0 +1,457 @@
+// The Looper against a LoaderPeer on a real socketpair: what goes over the socket, and when.
+#include "kl/looper/looper.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+
+#include "kl/base/endian.h"
+#include "kl/message/system.h"
+#include "kl/testing/loader_peer.h"
+
+namespace kl {
+namespace {
+
+using testing::LoaderPeer;
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+
+constexpr unsigned int kFrom = LoaderPeer::kPeerProcess;
+
+// A handler that records what it was given and answers CMD_GET with one field.
+class Recorder : public Handler {
+ public:
+  message cmdGet(const message&) override {
+    message r;
+    r.insert_string(STD_DESCR, "answer");
+    return r;
+  }
+  message cmdGetAll(const message&, unsigned int startId, unsigned int count) override {
+    startId_ = startId;
+    count_ = count;
+    return message();
+  }
+  unsigned int getObjectCount() override { return objectCount_; }
+  void handleBrkpath(const message& m) override { brkpaths_.push_back(m); }
+  void handleCmd(const message& m, unsigned int cmd) override {
+    seen_.push_back(m);
+    Handler::handleCmd(m, cmd);
+  }
+
+  std::vector<message> seen_;
+  std::vector<message> brkpaths_;
+  unsigned int startId_ = 0, count_ = 7, objectCount_ = 0xFFFFFFFFu;
+};
+
+class LooperTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    looper_.reset(new Looper(Looper::kInherit, 9, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12));
+    ASSERT_TRUE(peer_.read(&registration_));
+    looper_->addHandler(5, &handler_);
+  }
+  void TearDown() override { looper_.reset(); }
+
+  // Sends a request to `path` and returns what the Looper wrote back.
+  message ask(const std::vector<unsigned int>& path, unsigned int cmd,
+              const message& body = message()) {
+    peer_.request(path, cmd, body);
+    peer_.pump(*looper_);
+    message reply;
+    EXPECT_TRUE(peer_.read(&reply));
+    return reply;
+  }
+
+  static unsigned int errorCode(const message& m) {
+    unsigned int code = 0;
+    isError(m, &code, nullptr);
+    return code;
+  }
+
+  LoaderPeer peer_;
+  std::unique_ptr<Looper> looper_;
+  Recorder handler_;
+  message registration_;
+};
+
+TEST_F(LooperTest, RegistersWithTwelveWords) {
+  EXPECT_EQ(registration_.get_u32_array(SYS_TO), std::vector<unsigned int>({1}));
+  EXPECT_EQ(registration_.get(SYS_CTRL, 0), 5u);
+  EXPECT_EQ(registration_.get_u32_array(0x88000001),
+            std::vector<unsigned int>({9, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
+  EXPECT_EQ(getLooper(), looper_.get());
+  EXPECT_EQ(getRunner(), static_cast<ThinRunner*>(looper_.get()));
+}
+
+TEST_F(LooperTest, ReplyGoesBackAlongTheSenderPath) {
+  const message reply = ask({5}, CMD_GET);
+  EXPECT_EQ(reply.get_string(STD_DESCR, ""), "answer");
+  EXPECT_EQ(reply.get(SYS_TYPE, 0), TYPE_REPLY);
+  EXPECT_EQ(reply.get(SYS_REQID, 0), 1u);
+  // The handler's own id goes in front of SYS_FROM of everything it sends.
+  EXPECT_EQ(reply.get_u32_array(SYS_TO), std::vector<unsigned int>({kFrom}));
+  EXPECT_EQ(reply.get_u32_array(SYS_FROM), std::vector<unsigned int>({5}));
+}
+
+TEST_F(LooperTest, StandardCommandDefaults) {
+  struct Case {
+    unsigned int cmd;
+    bool withId;
+    unsigned int error;
+  } cases[] = {
+      {CMD_NOOP, false, 0},
+      {CMD_SET, false, ERROR_NOTIMP},
+      {CMD_GETOBJ, false, ERROR_UNKNOWNID},
+      {CMD_GETOBJ, true, ERROR_NOTIMP},
+      {CMD_SETOBJ, false, ERROR_UNKNOWNID},
+      {CMD_REMOVEOBJ, false, ERROR_UNKNOWNID},
+      {CMD_MOVEOBJ, false, ERROR_UNKNOWNID},
+      {CMD_ADDOBJ, false, ERROR_NOTIMP},
+      {CMD_RESET, false, ERROR_NOTIMP},
+      {CMD_GETCOUNT, false, ERROR_NOTIMP},
+      {CMD_SHUTDOWN, false, 0},
+      {0x1234, false, ERROR_NOTIMP},
+      {CMD_NOTIFY, false, ERROR_NOTIMP},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.cmd);
+    message body;
+    if (c.withId) body.insert(STD_ID, 3);
+    const message reply = ask({5}, c.cmd, body);
+    EXPECT_EQ(errorCode(reply), c.error);
+    EXPECT_FALSE(reply.has_array(STD_OBJS));
+  }
+}
+
+TEST_F(LooperTest, GetAllDefaultsAndObjectCount) {
+  message reply = ask({5}, CMD_GETALL);
+  EXPECT_EQ(handler_.startId_, 0xFFFFFFFFu);
+  EXPECT_EQ(handler_.count_, 0u);
+  EXPECT_FALSE(reply.has(STD_OBJ_COUNT));
+  handler_.objectCount_ = 3;
+  message body;
+  body.insert(STD_GETALLID, 40);
+  body.insert(STD_GETALLNO, 2);
+  reply = ask({5}, CMD_GETALL, body);
+  EXPECT_EQ(handler_.startId_, 40u);
+  EXPECT_EQ(handler_.count_, 2u);
+  EXPECT_EQ(reply.get(STD_OBJ_COUNT, 0), 3u);
+}
+
+TEST_F(LooperTest, PolicyRefusalButPoliciesAlwaysAnswered) {
+  message body;
+  body.insert(SYS_POLICY, 0x40);
+  EXPECT_EQ(errorCode(ask({5}, CMD_SET, body)), ERROR_NOTALLOWED);
+  EXPECT_TRUE(handler_.seen_.empty());
+  body.insert(SYS_POLICY, 0);
+  const message listing = ask({5}, CMD_GETPOLICIES, body);
+  EXPECT_EQ(errorCode(listing), 0u);
+  EXPECT_EQ(listing.size_message_array(STD_OBJS), 19u);
+}
+
+TEST_F(LooperTest, BrokenPaths) {
+  // Unknown first element, with a reply expected: an error reply from the Looper.
+  message reply = ask({77}, CMD_GET);
+  EXPECT_EQ(errorCode(reply), ERROR_BRKPATH);
+  EXPECT_EQ(reply.get(SYS_REQID, 0), 1u);
+  EXPECT_EQ(reply.get_u32_array(SYS_TO), std::vector<unsigned int>({kFrom}));
+  // A path longer than a leaf handler: answered by that handler.
+  reply = ask({5, 8}, CMD_GET);
+  EXPECT_EQ(errorCode(reply), ERROR_BRKPATH);
+  EXPECT_EQ(reply.get_u32_array(SYS_FROM), std::vector<unsigned int>({5}));
+  // No reply expected: a broken-path notice, carrying the rest of the path as its SYS_FROM.
+  message note;
+  note.insert(SYS_TO, {77, 3});
+  note.insert(SYS_FROM, {kFrom, 4});
+  note.insert(SYS_CMD, CMD_GET);
+  peer_.send(note);
+  peer_.pump(*looper_);
+  ASSERT_TRUE(peer_.read(&reply));
+  EXPECT_EQ(errorCode(reply), ERROR_BRKPATH);
+  EXPECT_FALSE(reply.has(SYS_REQID));
+  EXPECT_EQ(reply.get_u32_array(SYS_TO), std::vector<unsigned int>({kFrom, 4}));
+  EXPECT_EQ(reply.get_u32_array(SYS_FROM), std::vector<unsigned int>({77, 3}));
+  // An ERROR_BRKPATH error is never answered.
+  message error = errorMsg(ERROR_BRKPATH, "");
+  error.insert(SYS_TO, {77});
+  error.insert(SYS_FROM, {kFrom});
+  peer_.send(error);
+  peer_.pump(*looper_);
+  EXPECT_TRUE(peer_.quiet());
+}
+
+TEST_F(LooperTest, NonLeafHandlerTakesTheLongerPath) {
+  handler_.setLeaf(false);
+  ask({5, 8}, CMD_NOOP);
+  ASSERT_EQ(handler_.seen_.size(), 1u);
+  EXPECT_EQ(handler_.seen_[0].get_u32_array(SYS_TO), std::vector<unsigned int>({8}));
+}
+
+TEST_F(LooperTest, BrokenPathNoticeReachesHandleBrkpath) {
+  message notice = errorMsg(ERROR_BRKPATH, "");
+  notice.insert(SYS_TO, {5});
+  peer_.send(notice);
+  peer_.pump(*looper_);
+  EXPECT_EQ(handler_.brkpaths_.size(), 1u);
+  EXPECT_TRUE(handler_.seen_.empty());
+}
+
+TEST_F(LooperTest, BothPathIsWrittenAndDeliveredLocally) {
+  message m;
+  m.insert(SYS_TO, {PATH_BOTH, 5});
+  m.insert(SYS_CMD, CMD_NOOP);
+  looper_->sendMessage(m);
+  looper_->writeFlush(true);
+  message written;
+  ASSERT_TRUE(peer_.read(&written));
+  EXPECT_EQ(written.get_u32_array(SYS_TO), std::vector<unsigned int>({PATH_BOTH, 5}));
+  EXPECT_EQ(looper_->localQueueLength(), 1u);
+  looper_->dispatchQueue();
+  ASSERT_EQ(handler_.seen_.size(), 1u);
+  EXPECT_EQ(handler_.seen_[0].get_u32_array(SYS_FROM), std::vector<unsigned int>({PATH_LOCAL}));
+}
+
+TEST_F(LooperTest, MultiPathLocalGroupsStayLocal) {
+  message m;
+  m.insert(SYS_CMD, CMD_NOOP);
+  m.insert(SYS_TO, {PATH_MULTI, 2, PATH_LOCAL, 5, 2, PATH_LOCAL, 5});
+  looper_->sendMessage(m);
+  looper_->writeFlush(true);
+  EXPECT_TRUE(peer_.quiet());
+  EXPECT_EQ(looper_->localQueueLength(), 2u);
+
+  // A remote group is written; a group of count 0 ends the scan: nothing after it leaves.
+  m.insert(SYS_TO, {PATH_MULTI, 1, 40, 2, PATH_LOCAL, 5, 1, 41});
+  looper_->sendMessage(m);
+  looper_->writeFlush(true);
+  message written;
+  ASSERT_TRUE(peer_.read(&written));
+  EXPECT_EQ(written.get_u32_array(SYS_TO), std::vector<unsigned int>({PATH_MULTI, 1, 40, 1, 41}));
+  EXPECT_EQ(looper_->localQueueLength(), 3u);
+  m.insert(SYS_TO, {PATH_MULTI, 1, 40, 0, 2, PATH_LOCAL, 5});
+  looper_->sendMessage(m);
+  looper_->writeFlush(true);
+  EXPECT_TRUE(peer_.quiet());
+  EXPECT_EQ(looper_->localQueueLength(), 3u);
+}
+
+TEST_F(LooperTest, LocalQueueHoldsOneHundred) {
+  message m;
+  m.insert(SYS_TO, {PATH_LOCAL, 5});
+  for (int i = 0; i < 100; ++i) EXPECT_TRUE(looper_->queueMessage(m));
+  CaptureStderr();
+  ::testing::internal::CaptureStdout();
+  EXPECT_FALSE(looper_->queueMessage(m));
+  EXPECT_EQ(GetCapturedStderr(), "full queue, spilled message:\n");
+  EXPECT_NE(::testing::internal::GetCapturedStdout().find("--- kl::message"), std::string::npos);
+  EXPECT_EQ(looper_->localQueueLength(), 100u);
+}
+
+TEST_F(LooperTest, ExchangeQueuesOthersAndRefusesLeave) {
+  // The answer and two unrelated messages wait on the socket before the exchange starts.
+  peer_.request({5}, CMD_GET);
+  peer_.sendCtrl(1);
+  message reply;
+  reply.insert(SYS_TO, std::vector<unsigned int>());
+  setType(reply, TYPE_REPLY);
+  setRequestID(reply, 0);
+  reply.insert_string(STD_DESCR, "late enough");
+  peer_.send(reply);
+  message request;
+  request.insert(SYS_TO, {40});
+  const message answer = looper_->exchangeMessage(request, 100);
+  EXPECT_EQ(answer.get_string(STD_DESCR, ""), "late enough");
+  message sent;
+  ASSERT_TRUE(peer_.read(&sent));
+  EXPECT_EQ(sent.get(SYS_REQID, 9), 0u);
+  EXPECT_TRUE(sent.get_bool(SYS_REPLYEXP, false));
+  ASSERT_TRUE(peer_.read(&sent));
+  EXPECT_EQ(sent.get(SYS_CTRL, 0), 3u);  // leave refused during the exchange
+  EXPECT_TRUE(handler_.seen_.empty());   // nothing dispatched during it
+  looper_->dispatchQueue();
+  EXPECT_EQ(handler_.seen_.size(), 1u);
+}
+
+TEST_F(LooperTest, ExchangeTimesOutAndRejectsMissingPath) {
+  message request;
+  request.insert(SYS_TO, {40});
+  // A reply with the right id on another path is not the awaited one.
+  message other;
+  other.insert(SYS_TO, {5});
+  setType(other, TYPE_REPLY);
+  setRequestID(other, 0);
+  peer_.send(other);
+  EXPECT_EQ(errorCode(looper_->exchangeMessage(request, 5)), ERROR_TIMEOUT);
+  EXPECT_EQ(looper_->localQueueLength(), 1u);
+  message empty;
+  const message bad = looper_->exchangeMessage(empty, 5);
+  EXPECT_EQ(errorCode(bad), ERROR_FAILED);
+  EXPECT_EQ(bad.get_string(SYS_ERRSTR, ""), "bad_message");
+}
+
+TEST_F(LooperTest, LeaveProtocol) {
+  message ctrl;
+  looper_->setupLeave(4);  // still blocked: nothing sent
+  EXPECT_TRUE(peer_.quiet());
+  looper_->unblockLeave();
+  ASSERT_TRUE(peer_.read(&ctrl));
+  EXPECT_EQ(ctrl.get(SYS_CTRL, 0), 7u);
+  EXPECT_EQ(ctrl.get(SYS_CTRL_ARG, 0), 4u);
+  looper_->setupLeave(4);
+  EXPECT_TRUE(peer_.quiet());
+  looper_->blockLeave();
+  ASSERT_TRUE(peer_.read(&ctrl));
+  EXPECT_EQ(ctrl.get(SYS_CTRL_ARG, 9), 0u);
+  peer_.sendCtrl(1);
+  peer_.pump(*looper_);
+  ASSERT_TRUE(peer_.read(&ctrl));
+  EXPECT_EQ(ctrl.get(SYS_CTRL, 0), 3u);
+  EXPECT_FALSE(looper_->leaving());
+  looper_->unblockLeave();
+  ASSERT_TRUE(peer_.read(&ctrl));
+  // A subscriber of handler 5 travels with the agreement.
+  message subscribe;
+  subscribe.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
+  ask({5}, CMD_SUBSCRIBE, subscribe);
+  peer_.sendCtrl(1);
+  peer_.pump(*looper_);
+  ASSERT_TRUE(peer_.read(&ctrl));
+  EXPECT_EQ(ctrl.get(SYS_CTRL, 0), 2u);
+  EXPECT_EQ(ctrl.get(SYS_CTRL_ARG, 0), 1u);
+  const message data(ctrl.get_message(0x28000004, message::flat_message()));
+  EXPECT_EQ(data.get_u32_array(0x88000002), std::vector<unsigned int>({5}));
+  EXPECT_TRUE(looper_->leaving());
+  looper_->tellLeave();
+  ASSERT_TRUE(peer_.read(&ctrl));
+  EXPECT_EQ(ctrl.get(SYS_CTRL, 0), 4u);
+}
+
+TEST_F(LooperTest, GetMessageTurnsControlAndTimeoutIntoErrors) {
+  EXPECT_EQ(looper_->getMessage(1).get_string(SYS_ERRSTR, ""), "timeout");
+  peer_.sendCtrl(9);
+  EXPECT_EQ(looper_->getMessage(100).get_string(SYS_ERRSTR, ""), "control message (9)");
+}
+
+TEST_F(LooperTest, SmallFramesWaitForTheFlushLargeOnesLeaveAtOnce) {
+  message m;
+  m.insert(SYS_TO, {40});
+  looper_->sendMessage(m);
+  EXPECT_EQ(looper_->writeQueueItems(), 1u);
+  EXPECT_TRUE(peer_.quiet(20));
+  m.insert_string(STD_DESCR, std::string(1100, 'x'));
+  looper_->sendMessage(m);
+  EXPECT_EQ(looper_->writeQueueItems(), 0u);
+  message got;
+  EXPECT_TRUE(peer_.read(&got));
+  EXPECT_TRUE(peer_.read(&got));
+  EXPECT_EQ(got.get_string(STD_DESCR, "").size(), 1100u);
+}
+
+// --- start-up and transport failures: they end the process -------------------------------
+
+// Runs fn in a forked child with its error stream captured; the child's end of the loader
+// connection is its own descriptor 3.
+struct ChildOutcome {
+  int exitCode = -1;  // -1 when killed by a signal
+  int signal = 0;
+  // A Runner's crash handler turns a fatal signal into a report and exit status 1.
+  bool aborted() const { return exitCode == 1 || signal == SIGABRT; }
+  std::string stderrText;
+};
+
+ChildOutcome runInChild(const std::function<void()>& fn) {
+  int pipeFds[2];
+  EXPECT_EQ(pipe(pipeFds), 0);
+  fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(pipeFds[1], 2);
+    // The crash report of an abort goes to standard output; it is not what is tested here.
+    const int devNull = open("/dev/null", O_WRONLY);
+    dup2(devNull, 1);
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+    fn();
+    _exit(0);
+  }
+  close(pipeFds[1]);
+  ChildOutcome outcome;
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(pipeFds[0], buf, sizeof buf)) > 0) outcome.stderrText.append(buf, size_t(n));
+  close(pipeFds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (WIFEXITED(status)) outcome.exitCode = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) outcome.signal = WTERMSIG(status);
+  return outcome;
+}
+
+Looper* newLooper(unsigned int mode) {
+  return new Looper(mode, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+}
+
+TEST(LooperFailureTest, MissingReadyAborts) {
+  const ChildOutcome out = runInChild([] {
+    LoaderPeer peer(false);
+    message notReady;
+    notReady.insert(SYS_CTRL, 3);
+    peer.send(notReady);
+    newLooper(Looper::kInherit);
+  });
+  EXPECT_TRUE(out.aborted());
+  EXPECT_EQ(out.stderrText, "could not receive confirmation to CTRL_READY from loader\n");
+}
+
+TEST(LooperFailureTest, InheritRequiredButAbsent) {
+  const ChildOutcome out = runInChild([] {
+    close(3);
+    newLooper(Looper::kInherit);
+  });
+  EXPECT_EQ(out.exitCode, 1);
+  EXPECT_EQ(out.stderrText, "LOOPER: didn't get connection to loader\n");
+}
+
+TEST(LooperFailureTest, ConnectModeIgnoresTheInheritedSocket) {
+  const ChildOutcome out = runInChild([] {
+    LoaderPeer peer;
+    setenv("KL_ROOT", "/nonexistent-kl-root", 1);
+    newLooper(Looper::kConnect);
+  });
+  EXPECT_EQ(out.exitCode, 1);
+  EXPECT_EQ(out.stderrText, "connect failed (errno=2)\n");
+}
+
+TEST(LooperFailureTest, LoaderGoingAwayStopsTheProcess) {
+  const ChildOutcome out = runInChild([] {
+    LoaderPeer peer;
+    Looper* looper = newLooper(Looper::kInherit);
+    message registration;
+    peer.read(&registration);
+    peer.close();
+    looper->getMessage(-1);
+  });
+  EXPECT_TRUE(out.aborted());
+  EXPECT_EQ(out.stderrText.substr(0, 34), "LOOPER: read_raw read failed: EOF\n");
+  EXPECT_NE(out.stderrText.find("looper.cc"), std::string::npos);
+  EXPECT_NE(out.stderrText.find("Assertion `false' failed."), std::string::npos);
+}
+
+TEST(LooperFailureTest, WritingToAVanishedLoaderStopsTheProcess) {
+  const ChildOutcome out = runInChild([] {
+    LoaderPeer peer;
+    Looper* looper = newLooper(Looper::kInherit);
+    peer.close();
+    looper->sendCtrl(6);
+  });
+  EXPECT_TRUE(out.aborted());
+  EXPECT_EQ(out.stderrText.substr(0, 47), "LOOPER: writeFlush write failed: -1, errno: 32\n");
+}
+
+}  // namespace
+}  // namespace kl
