@@ -19,6 +19,7 @@
 #include "kl/message/dump.h"
 #include "kl/message/message.h"
 #include "kl/message/system.h"
+#include "tools/kl_msg_loader.h"
 
 namespace {
 
@@ -27,6 +28,9 @@ using Bytes = std::vector<unsigned char>;
 const char kUsage[] =
     "usage: kl-msg decode [--hex | --raw] [FILE]\n"
     "       kl-msg encode [--raw] FIELD...\n"
+    "       kl-msg call [--timeout SECS] PATH FIELD...\n"
+    "       kl-msg list\n"
+    "       kl-msg listen [--cmd CMD] PATH\n"
     "\n"
     "decode  reads a flattened message from FILE (or standard input when FILE is\n"
     "        absent or -) and prints it in the dump form. The input is taken as hex\n"
@@ -34,6 +38,13 @@ const char kUsage[] =
     "        --hex and --raw force one reading.\n"
     "encode  builds a message from FIELDs and writes its encoding to standard\n"
     "        output as hex text, or as raw bytes with --raw.\n"
+    "call    sends a request built from FIELDs to PATH (handler ids, like 5 or 5/3)\n"
+    "        through the loader on $KL_ROOT/ram/kelosock and prints the reply's dump.\n"
+    "        A time-out (default 5 s), a broken path or an error reply prints one line\n"
+    "        and exits with status 1.\n"
+    "list    prints the loader's processes.\n"
+    "listen  subscribes to PATH and prints the objects of each notification as they\n"
+    "        arrive, until interrupted; then unsubscribes.\n"
     "\n"
     "FIELD is TYPE:ID=VALUE, with\n"
     "  TYPE   bool, u32, u64, addr6, string, raw or message; TYPE[] for an array,\n"
@@ -368,5 +379,8 @@ int main(int argc, char** argv) {
   const std::string command = argv[1];
   if (command == "decode") return decodeCommand(argc - 2, argv + 2);
   if (command == "encode") return encodeCommand(argc - 2, argv + 2);
+  if (command == "call") return klmsg::callCommand(argc - 2, argv + 2, addField);
+  if (command == "list") return klmsg::listCommand(argc - 2, argv + 2);
+  if (command == "listen") return klmsg::listenCommand(argc - 2, argv + 2);
   return fail("unknown command '" + command + "' (see --help)");
 }

@@ -1,0 +1,186 @@
+// kl-msg call, list and listen: a transient process of the loader (registration word 1 is
+// 0) that sends one request, or subscribes, and prints what comes back.
+#include "tools/kl_msg_loader.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <vector>
+
+#include "kl/base/root.h"
+#include "kl/looper/looper.h"
+#include "kl/message/dump.h"
+#include "kl/message/system.h"
+
+namespace klmsg {
+
+namespace {
+
+constexpr unsigned int kDefaultTimeoutSeconds = 5;
+
+int fail(const std::string& text) {
+  std::cerr << "kl-msg: " << text << std::endl;
+  return 1;
+}
+
+// "5" or "5/3" -> {5} or {5, 3}.
+bool parsePath(const std::string& text, std::vector<unsigned int>* path) {
+  path->clear();
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t slash = text.find('/', start);
+    if (slash == std::string::npos) slash = text.size();
+    const std::string part = text.substr(start, slash - start);
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long v = strtoul(part.c_str(), &end, 0);
+    if (part.empty() || *end != '\0' || errno != 0 || v > 0xFFFFFFFFul || part[0] == '-') {
+      return false;
+    }
+    path->push_back(static_cast<unsigned int>(v));
+    start = slash + 1;
+  }
+  return !path->empty();
+}
+
+// The Looper needs a loader: say so plainly instead of its connect line when none listens.
+bool loaderListening() {
+  struct stat st;
+  return stat(kl::rootedPath("/ram/kelosock").c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+}
+
+kl::Looper* connect() {
+  return new kl::Looper(kl::Looper::kConnect, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+}
+
+// Sends `request` and returns its reply; false after printing the line for a time-out or
+// an error reply.
+bool exchange(kl::Looper& looper, kl::message& request, const std::string& pathText,
+              unsigned int seconds, kl::message* reply) {
+  *reply = looper.exchangeMessage(request, static_cast<int>(seconds * 100));
+  unsigned int code;
+  std::string text;
+  if (!kl::isError(*reply, &code, &text)) return true;
+  if (code == kl::ERROR_TIMEOUT && text.empty()) {
+    fail("no reply from " + pathText + " within " + std::to_string(seconds) + " s");
+  } else {
+    fail(pathText + ": " + kl::getErrorDescr(code, text));
+  }
+  return false;
+}
+
+}  // namespace
+
+int callCommand(int argc, char** argv, AddFieldFn addField) {
+  unsigned int seconds = kDefaultTimeoutSeconds;
+  int i = 0;
+  if (i < argc && strcmp(argv[i], "--timeout") == 0) {
+    if (i + 1 >= argc) return fail("--timeout needs a number of seconds");
+    char* end = nullptr;
+    const unsigned long v = strtoul(argv[i + 1], &end, 10);
+    if (*argv[i + 1] == '\0' || *end != '\0' || v == 0 || v > 40000000) {
+      return fail(std::string("bad --timeout value '") + argv[i + 1] + "'");
+    }
+    seconds = static_cast<unsigned int>(v);
+    i += 2;
+  }
+  if (i >= argc) return fail("call needs a PATH (see --help)");
+  const std::string pathText = argv[i++];
+  std::vector<unsigned int> path;
+  if (!parsePath(pathText, &path))
+    return fail("bad path '" + pathText + "', expected like 5 or 5/3");
+  kl::message request;
+  for (; i < argc; ++i) {
+    const std::string error = addField(request, argv[i]);
+    if (!error.empty()) return fail(error);
+  }
+  request.insert(kl::SYS_TO, path);
+  if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
+  kl::Looper* looper = connect();
+  kl::message reply;
+  if (!exchange(*looper, request, pathText, seconds, &reply)) return 1;
+  reply.dump2(std::cout, "", 0);
+  return 0;
+}
+
+int listCommand(int argc, char**) {
+  if (argc != 0) return fail("list takes no arguments");
+  if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
+  kl::Looper* looper = connect();
+  kl::message request;
+  request.insert(kl::SYS_TO, {1});
+  request.insert(kl::SYS_CMD, kl::CMD_GETALL);
+  kl::message reply;
+  if (!exchange(*looper, request, "1", kDefaultTimeoutSeconds, &reply)) return 1;
+  printf("%-10s %-11s %-8s %s\n", "ID", "STATE", "PID", "PROGRAM");
+  for (const kl::message::flat_message& flat : reply.get_message_array(kl::STD_OBJS)) {
+    const kl::message proc(flat);
+    printf("%-10u %-11s %-8u %s\n", proc.get(kl::STD_ID, 0),
+           proc.get_string(0x20000002, "").c_str(), proc.get_u32(0x08000001, 0),
+           proc.get_string(kl::STD_DESCR, "").c_str());
+  }
+  return 0;
+}
+
+namespace {
+
+// The listening process: prints every notification's objects as they arrive.
+class Listener : public kl::Looper {
+ public:
+  Listener() : kl::Looper(kConnect, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0) {}
+
+  void handleCmd(const kl::message& m, unsigned int cmd) override {
+    if (cmd != notifyCmd_) {
+      kl::Looper::handleCmd(m, cmd);
+      return;
+    }
+    const std::vector<kl::message::flat_message> objs = m.get_message_array(kl::STD_OBJS);
+    printf("notification: %zu object%s\n", objs.size(), objs.size() == 1 ? "" : "s");
+    for (const kl::message::flat_message& flat : objs) kl::message(flat).dump2(std::cout, "  ", 0);
+    std::cout.flush();
+  }
+
+  static void onStop(void* self, int) {
+    Listener* listener = static_cast<Listener*>(self);
+    listener->unsubscribe(listener->path_, listener->notifyCmd_, kl::message());
+    listener->writeFlush(true);
+    listener->shutdown();
+  }
+
+  std::vector<unsigned int> path_;
+  unsigned int notifyCmd_ = kl::CMD_NOTIFY;
+};
+
+}  // namespace
+
+int listenCommand(int argc, char** argv) {
+  unsigned int cmd = kl::CMD_NOTIFY;
+  int i = 0;
+  if (i < argc && strcmp(argv[i], "--cmd") == 0) {
+    if (i + 1 >= argc) return fail("--cmd needs a command number");
+    char* end = nullptr;
+    cmd = static_cast<unsigned int>(strtoul(argv[i + 1], &end, 0));
+    if (*argv[i + 1] == '\0' || *end != '\0') return fail("bad --cmd value");
+    i += 2;
+  }
+  if (i + 1 != argc) return fail("listen needs one PATH (see --help)");
+  std::vector<unsigned int> path;
+  if (!parsePath(argv[i], &path)) return fail(std::string("bad path '") + argv[i] + "'");
+  if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
+  Listener* listener = new Listener;
+  listener->path_ = path;
+  listener->notifyCmd_ = cmd;
+  listener->addSighandler(SIGINT, listener, Listener::onStop, true);
+  listener->addSighandler(SIGTERM, listener, Listener::onStop, true);
+  listener->subscribe(path, cmd, kl::message());
+  printf("listening to %s\n", argv[i]);
+  fflush(stdout);
+  listener->run();
+  return 0;
+}
+
+}  // namespace klmsg

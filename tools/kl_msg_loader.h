@@ -1,0 +1,25 @@
+// File: tools/kl_msg_loader.h
+//
+// The kl-msg commands that talk to a running loader: call, list and listen.
+#ifndef TOOLS_KL_MSG_LOADER_H_
+#define TOOLS_KL_MSG_LOADER_H_
+
+#include <string>
+
+#include "kl/message/message.h"
+
+namespace klmsg {
+
+// Adds one TYPE:ID=VALUE field to `m`; returns an error text, empty on success.
+using AddFieldFn = std::string (*)(kl::message& m, const std::string& field);
+
+// kl-msg call [--timeout SECS] PATH FIELD...
+int callCommand(int argc, char** argv, AddFieldFn addField);
+// kl-msg list
+int listCommand(int argc, char** argv);
+// kl-msg listen [--cmd CMD] PATH
+int listenCommand(int argc, char** argv);
+
+}  // namespace klmsg
+
+#endif  // TOOLS_KL_MSG_LOADER_H_

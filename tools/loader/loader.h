@@ -1,0 +1,152 @@
+// File: tools/loader/loader.h
+//
+// The development loader: plays the device's loader on a workstation and in tests. It
+// listens on <root>/ram/kelosock, starts the services named on its command line with their
+// connection on descriptor 3, registers every process (its id is registration word 1; 0
+// asks for a transient id from 0x10000 up), routes frames between processes by the first
+// element of SYS_TO, answers broken paths, announces departures with CMD_DISCONNECTED,
+// keeps the persistent data of a process that leaves and returns it when that id registers
+// again, and starts a service it started again when a frame arrives for it after it left.
+//
+// Handler id 1 is the loader itself: CMD_GETALL lists the processes, CMD_NOOP answers
+// empty, kLoaderCmdLeave asks process STD_ID to leave.
+//
+// Every connection uses the library's framing (kl/looper/framing.h) without blocking; bad
+// input from one process (a malformed or oversized frame, a wrong first frame, an id in
+// use, a peer that stops reading) closes that one connection with one line on the error
+// stream and never affects the others.
+#ifndef TOOLS_LOADER_LOADER_H_
+#define TOOLS_LOADER_LOADER_H_
+
+#include <sys/types.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kl/looper/framing.h"
+#include "kl/message/message.h"
+#include "kl/runner/runner.h"
+
+namespace kl {
+namespace loader {
+
+constexpr unsigned int kLoaderId = 1;
+constexpr unsigned int kFirstTransientId = 0x10000;
+// A loader command: asks the process named by STD_ID to leave (control code 1).
+constexpr unsigned int kLoaderCmdLeave = 0xfd0001;
+// Fields of the process list (CMD_GETALL on id 1), beside STD_ID and STD_DESCR.
+constexpr uint32_t kProcPid = 0x08000001;
+constexpr uint32_t kProcState = 0x20000002;  // "running", "registered", "left"
+constexpr uint32_t kProcLeaveValue = 0x08000003;
+// Limits that keep one process from exhausting the loader.
+constexpr uint32_t kMaxFrameBytes = 64u << 20;
+constexpr uint32_t kMaxQueuedBytes = 64u << 20;
+
+struct Options {
+  bool trace = false;
+  unsigned int idleLeaveSeconds = 0;               // 0: never ask idle services to leave
+  std::map<unsigned int, unsigned int> policies;   // process id -> SYS_POLICY bits
+  std::vector<std::vector<std::string>> services;  // command lines to start
+};
+
+class Loader {
+ public:
+  explicit Loader(const Options& options);
+  ~Loader();
+
+  // Creates the listening socket and starts the services. False (with a line on the error
+  // stream) when the socket cannot be set up.
+  bool start();
+  // Runs until SIGINT or SIGTERM; then ends the started services.
+  void run();
+
+  // One connection. Public for the fuzz target, which feeds frames to route().
+  struct Conn {
+    Conn(Loader* owner, int fd);
+    Loader* loader;
+    int fd;
+    FrameReader reader;
+    FrameWriter writer;
+    bool registered = false;
+    bool running = false;
+    bool dead = false;
+    bool askedToLeave = false;
+    unsigned int id = 0;
+    pid_t pid = 0;
+    unsigned int leaveValue = 0;
+    uint32_t lastActivity = 0;
+    std::string failure;               // why the connection failed, for the closing line
+    std::vector<std::string> command;  // set for services this loader started
+  };
+
+  // Feeds one decoded frame from `conn` (registration, control or routed message).
+  void handleFrame(Conn& conn, message& m);
+  // Adds a connection for an already connected descriptor (accept, a started service, a
+  // test). The loader owns and closes it.
+  Conn* addConnection(int fd, pid_t pid);
+  // Closes the connections that failed, with their lines.
+  void reapDead();
+  size_t connectionCount() const { return conns_.size(); }
+
+ private:
+  static void onAcceptCb(void* self, int fd, unsigned int events);
+  static void onConnCb(void* self, int fd, unsigned int events);
+  static void onFailure(void* ctx, FrameFailure what, long result, int err);
+  static void flushAllCb(void* self);
+  static void onSignalCb(void* self, int sig);
+  static void onIdleTimerCb(void* self);
+
+  void onAccept();
+  void onConn(Conn& conn, unsigned int events);
+  void flushAll();
+  void registerProcess(Conn& conn, const message& m);
+  void handleControl(Conn& conn, unsigned int code, const message& m);
+  void route(Conn& from, message& m);
+  void routeOne(Conn& from, message m, std::vector<unsigned int> to);
+  void loaderCommand(Conn& from, const message& m);
+  void answerBrokenPath(Conn& from, const message& m, const std::vector<unsigned int>& rest);
+  void deliver(Conn& to, const message& m);
+  void reply(Conn& to, const message& request, message& body);
+  void closeConn(Conn* conn, const std::string& why);
+  void announceDeparture(unsigned int id);
+  bool startService(const std::vector<std::string>& command);
+  void reapChildren();
+  void checkIdle();
+  Conn* byId(unsigned int id);
+  std::string describe(const Conn& conn) const;
+  void trace(const char* what, const Conn& from, unsigned int to, const message& m);
+
+  // The loop, with the stop flag the loader sets on SIGINT and SIGTERM.
+  class LoopRunner : public Runner {
+   public:
+    void stop() { stop_ = true; }
+  };
+
+  Options options_;
+  LoopRunner runner_;
+  int listenFd_ = -1;
+  std::string socketPath_;
+  unsigned int nextTransient_ = kFirstTransientId;
+  std::map<int, std::unique_ptr<Conn>> conns_;  // by descriptor
+  std::map<unsigned int, Conn*> byId_;
+  // A started service that left: its command line, its handed-over data, and the frames
+  // waiting for its next instance.
+  struct Departed {
+    std::vector<std::string> command;
+    message data;
+    bool hasData = false;
+    bool restarting = false;
+    std::vector<message> waiting;
+  };
+  std::map<unsigned int, Departed> departed_;
+  // Commands of started processes by pid, until they register.
+  std::map<pid_t, std::vector<std::string>> startedPids_;
+  bool stopping_ = false;
+};
+
+}  // namespace loader
+}  // namespace kl
+
+#endif  // TOOLS_LOADER_LOADER_H_
