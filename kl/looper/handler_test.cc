@@ -1,0 +1,418 @@
+// Requests, subscriptions, notifications, persistent data and undo records of a Handler,
+// driven through a real Looper and a LoaderPeer.
+#include "kl/looper/handler.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "kl/looper/looper.h"
+#include "kl/message/system.h"
+#include "kl/testing/loader_peer.h"
+
+namespace kl {
+namespace {
+
+using testing::LoaderPeer;
+
+const std::vector<unsigned int> kPathA = {0x10000, 7};
+const std::vector<unsigned int> kPathB = {0x10001, 3};
+
+// A handler with objects 1..N whose getObject answers from a map the test edits.
+class Objects : public Handler {
+ public:
+  message getObject(unsigned int id) override {
+    auto it = objects_.find(id);
+    if (it != objects_.end()) return it->second;
+    message obj;
+    obj.insert(STD_ID, id);
+    return obj;
+  }
+  void subscribed(const message& record) override { subscribedSeen_.push_back(record); }
+  void unsubscribed(const message& record) override { unsubscribedSeen_.push_back(record); }
+  void notifiesSent() override { ++batches_; }
+
+  std::map<unsigned int, message> objects_;
+  std::vector<message> subscribedSeen_, unsubscribedSeen_;
+  int batches_ = 0;
+};
+
+struct Delivery {
+  std::vector<message> got;
+  static void record(void* self, const message& reply, const message& extra) {
+    message both = reply;
+    both.insert_string(STD_DESCR, extra.get_string(STD_DESCR, ""));
+    static_cast<Delivery*>(self)->got.push_back(both);
+  }
+};
+
+class HandlerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { start(message()); }
+
+  void start(const message& readyExtra, Handler* handler = nullptr) {
+    looper_.reset();
+    peer_.reset(new LoaderPeer(true, readyExtra));
+    looper_.reset(new Looper(Looper::kInherit, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
+    message registration;
+    ASSERT_TRUE(peer_->read(&registration));
+    looper_->addHandler(5, handler != nullptr ? handler : &objects_);
+  }
+
+  void subscribe(const std::vector<unsigned int>& from) {
+    message body;
+    body.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
+    peer_->request({5}, CMD_SUBSCRIBE, body, from);
+    peer_->pump(*looper_);
+    message reply;
+    ASSERT_TRUE(peer_->read(&reply));
+  }
+
+  // The next frame, which must be a notification; its objects' ids in order.
+  std::vector<unsigned int> notifiedIds(message* n) {
+    std::vector<unsigned int> ids;
+    if (!peer_->read(n)) return ids;
+    EXPECT_EQ(n->get(SYS_CMD, 0), CMD_NOTIFY);
+    for (const auto& flat : n->get_message_array(STD_OBJS)) {
+      ids.push_back(message(flat).get(STD_ID, 0));
+    }
+    return ids;
+  }
+
+  void flushNow() {
+    objects_.sendChanges();
+    looper_->writeFlush(true);
+  }
+
+  void expireTimers(unsigned int ticks) {
+    usleep((ticks + 1) * 10000);
+    looper_->runTimers();
+  }
+
+  std::unique_ptr<LoaderPeer> peer_;
+  std::unique_ptr<Looper> looper_;
+  Objects objects_;
+};
+
+// --- posted requests ------------------------------------------------------------------------
+
+TEST_F(HandlerTest, PostedRequestsGetConsecutiveIdsAndTheirReplies) {
+  Delivery d;
+  message a, b, extra;
+  extra.insert_string(STD_DESCR, "ctx");
+  a.insert(SYS_TO, {40});
+  b.insert(SYS_TO, {40});
+  EXPECT_EQ(objects_.postMessage(a, &d, Delivery::record, extra, 500), 0u);
+  EXPECT_EQ(objects_.postMessage(b, &d, Delivery::record, extra, 500), 1u);
+  looper_->writeFlush(true);
+  message sent;
+  ASSERT_TRUE(peer_->read(&sent));
+  EXPECT_TRUE(sent.get_bool(SYS_REPLYEXP, false));
+  EXPECT_EQ(sent.get(SYS_TYPE, 0), TYPE_REQUEST);
+  EXPECT_EQ(sent.get_u32_array(SYS_FROM), std::vector<unsigned int>({5}));
+  message reply;
+  reply.insert(SYS_TO, {5});
+  setType(reply, TYPE_REPLY);
+  setRequestID(reply, 1);
+  peer_->send(reply);
+  peer_->send(reply);  // a second reply for the same id is dropped
+  peer_->pump(*looper_);
+  ASSERT_EQ(d.got.size(), 1u);
+  EXPECT_EQ(d.got[0].get(SYS_REQID, 9), 1u);
+  EXPECT_EQ(d.got[0].get_string(STD_DESCR, ""), "ctx");
+  EXPECT_EQ(objects_.pendingPosts(), 1u);
+}
+
+TEST_F(HandlerTest, TimeoutFiresOnceAndTheLateReplyIsDropped) {
+  Delivery d;
+  message m;
+  m.insert(SYS_TO, {40});
+  const size_t timersBefore = looper_->timerCount();
+  const unsigned int id = objects_.postMessage(m, &d, Delivery::record, message(), 1);
+  EXPECT_EQ(looper_->timerCount(), timersBefore + 1);
+  expireTimers(1);
+  ASSERT_EQ(d.got.size(), 1u);
+  unsigned int code = 0;
+  EXPECT_TRUE(isError(d.got[0], &code, nullptr));
+  EXPECT_EQ(code, ERROR_TIMEOUT);
+  EXPECT_EQ(d.got[0].get(SYS_REQID, 9), id);
+  message late;
+  late.insert(SYS_TO, {5});
+  setType(late, TYPE_REPLY);
+  setRequestID(late, id);
+  peer_->send(late);
+  peer_->pump(*looper_);
+  EXPECT_EQ(d.got.size(), 1u);
+}
+
+TEST_F(HandlerTest, NoTimeoutMeansNoTimerAndCancelMeansNoCallback) {
+  Delivery d;
+  message m;
+  m.insert(SYS_TO, {40});
+  const size_t timersBefore = looper_->timerCount();
+  const unsigned int forever =
+      objects_.postMessage(m, &d, Delivery::record, message(), 0xFFFFFFFFu);
+  EXPECT_EQ(looper_->timerCount(), timersBefore);
+  const unsigned int cancelled = objects_.postMessage(m, &d, Delivery::record, message(), 1);
+  objects_.cancelPost(cancelled);
+  objects_.cancelPost(12345);  // unknown: nothing happens
+  EXPECT_EQ(looper_->timerCount(), timersBefore);
+  expireTimers(1);
+  EXPECT_TRUE(d.got.empty());
+  EXPECT_EQ(objects_.pendingPosts(), 1u);
+  objects_.cancelPost(forever);
+  EXPECT_EQ(objects_.pendingPosts(), 0u);
+}
+
+// A callback that posts again, from inside its own delivery.
+struct Reposter {
+  Handler* handler;
+  int calls = 0;
+  static void onReply(void* self, const message&, const message&) {
+    Reposter* r = static_cast<Reposter*>(self);
+    if (++r->calls > 1) return;
+    message again;
+    again.insert(SYS_TO, {40});
+    r->handler->postMessage(again, r, onReply, message(), 1);
+  }
+};
+
+TEST_F(HandlerTest, CallbackMayPostAgain) {
+  Reposter r{&objects_};
+  message m;
+  m.insert(SYS_TO, {40});
+  objects_.postMessage(m, &r, Reposter::onReply, message(), 1);
+  expireTimers(1);
+  EXPECT_EQ(r.calls, 1);
+  EXPECT_EQ(objects_.pendingPosts(), 1u);
+  expireTimers(1);
+  EXPECT_EQ(r.calls, 2);
+}
+
+TEST_F(HandlerTest, DestroyedHandlerTakesItsTimersAlong) {
+  const size_t timersBefore = looper_->timerCount();
+  {
+    Objects doomed;
+    looper_->addHandler(8, &doomed);
+    Delivery d;
+    message m;
+    m.insert(SYS_TO, {40});
+    doomed.postMessage(m, &d, Delivery::record, message(), 100);
+    EXPECT_EQ(looper_->timerCount(), timersBefore + 1);
+    looper_->removeHandler(8);
+  }
+  EXPECT_EQ(looper_->timerCount(), timersBefore);
+}
+
+// --- subscriptions and notifications ----------------------------------------------------------
+
+TEST_F(HandlerTest, ChangeCausedByASubscriberIsNotEchoedToIt) {
+  subscribe(kPathA);
+  subscribe(kPathB);
+  subscribe(kPathB);  // a duplicate is ignored
+  EXPECT_EQ(objects_.subscriptions().size(), 2u);
+  message cause;
+  cause.insert(SYS_FROM, kPathA);
+  objects_.notifyChange(3, cause);
+  flushNow();
+  message n;
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({3}));
+  EXPECT_EQ(n.get_u32_array(SYS_TO), kPathB);
+  EXPECT_EQ(n.get_u32_array(SYS_ORIGIN), kPathA);
+  EXPECT_TRUE(peer_->quiet());
+  // Without a single cause, one frame goes to both with a multi-destination path.
+  objects_.notifyChange(4, cause);
+  objects_.notifyChange(5);
+  flushNow();
+  notifiedIds(&n);
+  EXPECT_EQ(n.get_u32_array(SYS_TO),
+            std::vector<unsigned int>({PATH_MULTI, 2, 0x10000, 7, 2, 0x10001, 3}));
+  EXPECT_FALSE(n.has(SYS_ORIGIN));
+  EXPECT_TRUE(peer_->quiet());
+}
+
+TEST_F(HandlerTest, LinkedObjectsAreSentTailFirstAndCyclesDropped) {
+  subscribe(kPathA);
+  // The list 1 -> 2 -> 3 -> (end): each object names the one after it.
+  for (unsigned int id = 1; id <= 3; ++id) {
+    message obj;
+    obj.insert(STD_ID, id);
+    obj.insert(STD_NEXTID, id == 3 ? BADID : id + 1);
+    objects_.objects_[id] = obj;
+    objects_.notifyChange(id);
+  }
+  // 7 and 8 point at each other: no chain reaches them.
+  for (unsigned int id : {7u, 8u}) {
+    message obj;
+    obj.insert(STD_ID, id);
+    obj.insert(STD_NEXTID, id == 7 ? 8 : 7);
+    objects_.objects_[id] = obj;
+    objects_.notifyChange(id);
+  }
+  flushNow();
+  message n;
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({3, 2, 1}));
+}
+
+TEST_F(HandlerTest, BatchingByTimeAndByCount) {
+  const size_t timersBefore = looper_->timerCount();
+  objects_.notifyChange(1);  // nobody subscribed: nothing collected, no timer
+  EXPECT_EQ(looper_->timerCount(), timersBefore);
+  subscribe(kPathA);
+  for (unsigned int id = 1; id <= 99; ++id) {
+    objects_.notifyChange(id);
+    objects_.notifyChange(id);  // repeats count once
+  }
+  EXPECT_EQ(looper_->timerCount(), timersBefore + 1);
+  looper_->writeFlush(true);
+  EXPECT_TRUE(peer_->quiet(20));
+  objects_.notifyChange(100);  // the 100th distinct id sends at once
+  EXPECT_EQ(looper_->timerCount(), timersBefore);
+  looper_->writeFlush(true);
+  message n;
+  EXPECT_EQ(notifiedIds(&n).size(), 100u);
+  EXPECT_EQ(objects_.batches_, 1);
+  objects_.notifyChange(7);
+  expireTimers(20);  // after 20 ticks the batch goes by itself
+  looper_->writeFlush(true);
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({7}));
+}
+
+TEST_F(HandlerTest, NotificationsSplitAt16383BytesOfObjects) {
+  subscribe(kPathA);
+  for (unsigned int id = 1; id <= 5; ++id) {
+    message obj;
+    obj.insert(STD_ID, id);
+    obj.insert_string(STD_DESCR, std::string(id == 5 ? 20000 : 5000, 'x'));
+    objects_.objects_[id] = obj;
+    objects_.notifyChange(id);
+  }
+  flushNow();
+  message n;
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({1, 2, 3}));
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({4}));
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({5}));  // too big, but sent alone
+}
+
+TEST_F(HandlerTest, DisconnectDropsSubscriptionsUnderThePath) {
+  subscribe({5});
+  subscribe({5, 7});
+  subscribe({6});
+  message gone;
+  gone.insert(SYS_CMD, CMD_DISCONNECTED);
+  gone.insert(SYS_FROM, std::vector<unsigned int>{5});
+  gone.insert(SYS_TO, std::vector<unsigned int>());
+  peer_->send(gone);
+  peer_->pump(*looper_);
+  ASSERT_EQ(objects_.subscriptions().size(), 1u);
+  EXPECT_EQ(objects_.subscriptions()[0].get_u32_array(SYS_FROM), std::vector<unsigned int>({6}));
+  EXPECT_EQ(objects_.unsubscribedSeen_.size(), 2u);
+  EXPECT_TRUE(peer_->quiet());  // no request id: no reply
+}
+
+TEST_F(HandlerTest, UnsubscribeRemovesTheMatchingRecord) {
+  subscribe(kPathA);
+  message body;
+  body.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
+  peer_->request({5}, CMD_UNSUBSCRIBE, body, kPathB);  // not subscribed: ignored
+  peer_->request({5}, CMD_UNSUBSCRIBE, body, kPathA);
+  peer_->pump(*looper_);
+  EXPECT_TRUE(objects_.subscriptions().empty());
+  EXPECT_EQ(objects_.unsubscribedSeen_.size(), 1u);
+}
+
+TEST_F(HandlerTest, WrongObjectIdStopsTheProcess) {
+  subscribe(kPathA);
+  message wrong;
+  wrong.insert(STD_ID, 4);
+  objects_.objects_[3] = wrong;
+  objects_.notifyChange(3);
+  fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    freopen("/dev/null", "w", stdout);
+    objects_.sendChanges();
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  objects_.objects_.erase(3);
+}
+
+// --- persistent data and undo -------------------------------------------------------------------
+
+TEST_F(HandlerTest, LeaveAndReturnKeepsSubscribers) {
+  subscribe(kPathA);
+  objects_.notifyChange(2);  // pending: sent before the subscribers are saved
+  message data;
+  looper_->savePermData(data);
+  looper_->writeFlush(true);
+  message n;
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({2}));
+  EXPECT_EQ(data.get_u32_array(0x88000002), std::vector<unsigned int>({5}));
+  EXPECT_FALSE(data.has_array(0xa8000001));  // the Looper itself has no subscribers
+
+  // The next instance gets the data in CTRL_READY; handler 5 gets its part when registered.
+  message ready;
+  ready.insert_message(0x28000004, data);
+  Objects restored;
+  start(ready, &restored);
+  ASSERT_EQ(restored.subscriptions().size(), 1u);
+  EXPECT_EQ(restored.subscribedSeen_.size(), 1u);  // re-announced after the restore
+  restored.notifyChange(9);
+  restored.sendChanges();
+  looper_->writeFlush(true);
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({9}));
+  EXPECT_EQ(n.get_u32_array(SYS_TO), kPathA);
+}
+
+TEST_F(HandlerTest, NothingToSaveWithoutSubscribers) {
+  message data;
+  looper_->savePermData(data);
+  EXPECT_TRUE(data.empty());
+}
+
+TEST_F(HandlerTest, UndoRecords) {
+  message request;
+  request.insert(SYS_CMD, CMD_SETOBJ);
+  request.insert(SYS_TO, {5});
+  request.insert(SYS_FROM, kPathA);
+  request.insert_string(SYS_USER, "admin");
+  request.insert(STD_ID, 3);
+  message undo;
+  undo.insert(STD_ID, 3);
+  undo.insert(SYS_TO, {9});
+  objects_.sendUndo(request, undo, "rename port", CMD_SETOBJ);
+  looper_->writeFlush(true);
+  message record;
+  ASSERT_TRUE(peer_->read(&record));
+  EXPECT_EQ(record.get_u32_array(SYS_TO), std::vector<unsigned int>({17}));
+  EXPECT_EQ(record.get_u32_array(SYS_FROM), std::vector<unsigned int>({5}));
+  EXPECT_EQ(record.get(SYS_CMD, 0), CMD_ADDOBJ);
+  EXPECT_EQ(record.get_string(0x20000003, ""), "rename port");
+  EXPECT_EQ(record.get_string(0x20000006, ""), "admin");
+  EXPECT_EQ(record.get_u32(0x08000005, 0), 0x80u);
+  const message copy(record.get_message(0x28000001, message::flat_message()));
+  EXPECT_FALSE(copy.has(SYS_FROM));
+  EXPECT_FALSE(copy.has(SYS_TO));
+  EXPECT_EQ(copy.get(STD_ID, 0), 3u);
+  const message reverse(record.get_message(0x28000002, message::flat_message()));
+  EXPECT_EQ(reverse.get(SYS_CMD, 0), CMD_SETOBJ);
+  EXPECT_FALSE(reverse.has(SYS_TO));
+
+  request.insert(STD_UNDOID, 7);
+  objects_.sendUndoFrom(request, undo, "more", 11);
+  looper_->writeFlush(true);
+  ASSERT_TRUE(peer_->read(&record));
+  EXPECT_EQ(record.get(SYS_CMD, 0), CMD_SETOBJ);
+  EXPECT_EQ(record.get(STD_ID, 0), 7u);
+  EXPECT_EQ(record.get_u32_array(SYS_FROM), std::vector<unsigned int>({5, 11}));
+  EXPECT_EQ(record.size_field(0x28000001), 0u);
+  EXPECT_EQ(record.size_field(0x20000003), 0u);
+}
+
+}  // namespace
+}  // namespace kl
