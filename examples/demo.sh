@@ -24,3 +24,5 @@ echo "(exit status 1)"
 echo
 echo "== The event loop: a timer, a handled signal and a SIGUSR2 snapshot report:"
 $loop
+echo
+sh examples/demo_services.sh "$build"

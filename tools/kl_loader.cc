@@ -56,6 +56,8 @@ int usageError(const std::string& text) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Line by line, so that a log file or a pipe shows each event as it happens.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
   kl::loader::Options options;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
