@@ -72,6 +72,8 @@ pid_t Children::spawn(const std::vector<std::string>& argv) {
 }
 
 void Children::killAll() {
+  // Stopped first, so that none of them sees the others go and reports it.
+  for (const pid_t pid : pids_) kill(pid, SIGSTOP);
   while (!pids_.empty()) {
     const pid_t pid = pids_.back();
     pids_.pop_back();

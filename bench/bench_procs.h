@@ -31,7 +31,7 @@ class TempRoot {
 };
 
 // The children of the benchmark. Every child gets SIGKILL when the benchmark process dies;
-// the destructor kills and reaps those still running, last started first.
+// the destructor stops them all, then kills and reaps them, last started first.
 class Children {
  public:
   Children() = default;
