@@ -254,6 +254,7 @@ struct Setup {
   std::unique_ptr<kl::Looper> looper;
   kl::Handler client;
   std::string failure;
+  std::string busFailure;  // only the D-Bus cases fail
 
   ~Setup() {
     if (bus != nullptr) sd_bus_flush_close_unref(bus);
@@ -304,7 +305,7 @@ bool startBus(Setup& s) {
                            "</busconfig>\n";
   s.busDaemon = s.children.spawn(
       {"/usr/bin/dbus-daemon", "--config-file=" + config, "--nofork", "--nopidfile"});
-  if (s.busDaemon < 0 || !klbench::waitForPath(socket, 5)) return false;
+  if (s.busDaemon < 0 || !klbench::waitForPath(socket, 10)) return false;
   const std::string address = "unix:path=" + socket;
   s.busServer = s.children.fork([address]() { return runBusServer(address); });
   s.bus = openBus(address);
@@ -317,10 +318,7 @@ bool startAll(Setup& s) {
   if (s.loader < 0) return false;
   s.klServer = s.children.fork(runKlServer);
   if (s.klServer < 0 || !startRaw(s)) return false;
-  if (!startBus(s)) {
-    s.failure = "dbus-daemon or the sd-bus server did not start";
-    return false;
-  }
+  if (!startBus(s)) s.busFailure = "dbus-daemon or the sd-bus server did not start";
   // Last: the client's Looper makes this process a service; the children were forked
   // before it existed.
   s.looper.reset(new kl::Looper(kl::Looper::kConnect, kClientId, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
@@ -406,6 +404,10 @@ void BM_RoundTrip(benchmark::State& state) {
   if (!ready(state)) return;
   const int peer = static_cast<int>(state.range(0));
   const int placement = static_cast<int>(state.range(1));
+  if (peer == kBus && !setup->busFailure.empty()) {
+    state.SkipWithError(setup->busFailure.c_str());
+    return;
+  }
   if (peer == kBus && !awaitBusServer()) {
     state.SkipWithError("the sd-bus server does not answer");
     return;
