@@ -225,8 +225,17 @@ sd_bus* openBus(const std::string& address) {
   return bus;
 }
 
+// The daemon's socket exists before it listens: connecting may fail at first.
+sd_bus* openBusPatiently(const std::string& address) {
+  for (int i = 0; i < 500; ++i) {
+    if (sd_bus* bus = openBus(address)) return bus;
+    usleep(10000);
+  }
+  return nullptr;
+}
+
 int runBusServer(const std::string& address) {
-  sd_bus* bus = openBus(address);
+  sd_bus* bus = openBusPatiently(address);
   if (bus == nullptr) return 1;
   if (sd_bus_add_object(bus, nullptr, kBusPath, onBusCall, nullptr) < 0) return 1;
   if (sd_bus_request_name(bus, kBusName, 0) < 0) return 1;
@@ -308,7 +317,7 @@ bool startBus(Setup& s) {
   if (s.busDaemon < 0 || !klbench::waitForPath(socket, 10)) return false;
   const std::string address = "unix:path=" + socket;
   s.busServer = s.children.fork([address]() { return runBusServer(address); });
-  s.bus = openBus(address);
+  s.bus = openBusPatiently(address);
   return s.busServer > 0 && s.bus != nullptr;
 }
 
