@@ -410,13 +410,14 @@ TEST_F(LoaderTest, PolicyBitsMarkRequestsOfThatProcessOnly) {
   EXPECT_EQ(atB.get(SYS_POLICY, 0), 0x5u);
 
   message reply;
-  reply.insert(SYS_TO, Path{20, kHandler});
+  reply.insert(SYS_TO, Path{21, kHandler});
   reply.insert(SYS_FROM, Path{5});
   setType(reply, TYPE_REPLY);
   setRequestID(reply, 3);
   a->send(reply);
   message back;
-  ASSERT_TRUE(a->read(&back));
+  ASSERT_TRUE(b->read(&back));
+  EXPECT_EQ(back.get_u32_array(SYS_FROM), (Path{20, 5}));
   EXPECT_FALSE(back.has(SYS_POLICY)) << "a reply from the marked process";
 
   b->send(request({20, 5}, CMD_GET, 4));
