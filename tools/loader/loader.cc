@@ -208,6 +208,11 @@ void Loader::onConn(Conn& conn, unsigned int events) {
   reapDead();
 }
 
+void Loader::serveInput(Conn& conn) {
+  onConn(conn, POLLIN);
+  flushAll();
+}
+
 void Loader::onFailure(void* ctx, FrameFailure what, long result, int err) {
   Conn* conn = static_cast<Conn*>(ctx);
   conn->dead = true;

@@ -62,7 +62,7 @@ class Loader {
   // Runs until SIGINT or SIGTERM; then ends the started services.
   void run();
 
-  // One connection. Public for the fuzz target, which feeds frames to route().
+  // One connection. Public for the fuzz target, which feeds it bytes (serveInput).
   struct Conn {
     Conn(Loader* owner, int fd);
     Loader* loader;
@@ -88,6 +88,11 @@ class Loader {
   Conn* addConnection(int fd, pid_t pid);
   // Closes the connections that failed, with their lines.
   void reapDead();
+  // Serves `conn` as the loop does when its descriptor turns readable: handles every
+  // complete frame waiting on it, writes out what that queued for every connection and
+  // closes the connections that failed (`conn` among them, possibly: it must not be used
+  // afterwards). For the fuzz target, which drives the loader without its loop.
+  void serveInput(Conn& conn);
   size_t connectionCount() const { return conns_.size(); }
 
  private:
