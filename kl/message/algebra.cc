@@ -108,7 +108,7 @@ void message::merge(const message& other) {
     }
     o->bools->forEach([r](uint32_t id, bool value) { r->bools->get_ref(id) = value; });
   } else if (o->singleBoolId != kNoBool) {
-    r->boolRef(o->singleBoolId) = o->singleBoolValue;
+    r->setBool(o->singleBoolId, o->singleBoolValue);
   }
   o->u32s.forEach([r](uint32_t id, unsigned int value) { r->u32s.get_ref(id) = value; });
   for (const litem* f = o->fields; f != nullptr; f = f->next) assignNode(r->fields, f);

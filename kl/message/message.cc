@@ -160,6 +160,14 @@ bool& message::Rep::boolRef(uint32_t id) {
   return value;
 }
 
+void message::Rep::setBool(uint32_t id, bool value) {
+  if (bools) {
+    bools->get_ref(id) = value;
+  } else {
+    boolRef(id) = value;
+  }
+}
+
 const bool* message::get_bool_ref(uint32_t id) const {
   id = withType(id, kTypeBool);
   if (rep_->bools) return rep_->bools->find(id);
@@ -175,7 +183,7 @@ bool& message::get_bool_ref(uint32_t id) {
 
 void message::insert_bool(uint32_t id, bool value) {
   unique();
-  rep_->boolRef(withType(id, kTypeBool)) = value;
+  rep_->setBool(withType(id, kTypeBool), value);
 }
 
 unsigned int message::size_bool(uint32_t id) const { return get_bool_ref(id) != nullptr; }

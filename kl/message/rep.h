@@ -58,6 +58,10 @@ struct message::Rep {
   // The bool slot of `id`, created false when absent. The first bool lives inline; a second
   // distinct id moves both into the table, where every bool stays from then on.
   bool& boolRef(uint32_t id);
+  // Stores a bool as insert, decode and merge do: once the table is in use, its growth rule
+  // applies before the lookup, as it does for u32 values, so overwriting an existing id at
+  // the threshold grows the table too.
+  void setBool(uint32_t id, bool value);
 
   unsigned int boolCount() const {
     if (bools) return bools->count();

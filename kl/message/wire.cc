@@ -318,7 +318,7 @@ bool decodeRecord(message::Rep* r, Cursor& c, uint32_t word) {
   const bool flag = (word & kWireFlagBit) != 0;
   switch (word & kTypeMask) {
     case kTypeBool:
-      r->boolRef(id) = flag;
+      r->setBool(id, flag);
       return true;
     case kTypeU32: {
       unsigned int v;
@@ -398,7 +398,7 @@ bool decodeOldItem(message::Rep* r, Cursor& c, unsigned int type, uint32_t numbe
     case wire::kOldBool: {
       unsigned int b;
       if (!c.u8(&b)) return false;
-      r->boolRef(number | kTypeBool) = b != 0;
+      r->setBool(number | kTypeBool, b != 0);
       return true;
     }
     case wire::kOldU32: {
