@@ -383,6 +383,11 @@ std::vector<flat_message>& message::get_message_array_ref(uint32_t id) {
   return findOrCreateIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage));
 }
 
+std::vector<unsigned int>& message::operator[](u32_array_id id) {
+  unique();
+  return findOrCreateIn<std::vector<unsigned int> >(rep_->arrays, id);
+}
+
 void message::insert_bool_array(uint32_t id, const std::vector<bool>& value) {
   unique();
   findOrCreateIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool)) = value;

@@ -168,7 +168,10 @@ class message {
     insert_u32_array(id, std::vector<unsigned int>(1, value));
   }
   bool has(u32_array_id id) const { return has_array(id); }
-  std::vector<unsigned int>& operator[](u32_array_id id) { return get_u32_array_ref(id); }
+  // The array, created empty when absent. Unshares first but, unlike the non-const
+  // get_*_ref accessors, does not mark the message unshareable: the reference is for an
+  // immediate write, not to be kept across copies.
+  std::vector<unsigned int>& operator[](u32_array_id id);
 
   // --- removal, comparison and merging ---------------------------------------------------
   // Each removal makes the representation private first, even when the field is absent.

@@ -269,6 +269,25 @@ TEST(Message, MutableReferenceMakesTheMessageUnshareable) {
   EXPECT_FALSE(c.same_rep(a));
 }
 
+// operator[] unshares like any mutation but, unlike the get_*_ref accessors, hands out no
+// lasting permission to write: a later copy shares and keeps the list order.
+TEST(Message, BracketArrayAccessLeavesTheMessageShareable) {
+  message a;
+  a.insert_string(1, "one");
+  a.insert_string(2, "two");
+  message before = a;
+  a[u32_array_id(5)].push_back(7);
+  EXPECT_FALSE(a.same_rep(before));
+  EXPECT_TRUE(before.get_u32_array(5).empty());
+  message b = a;
+  EXPECT_TRUE(b.same_rep(a));
+  Bytes wireA, wireB;
+  a.flatten(wireA);
+  b.flatten(wireB);
+  EXPECT_EQ(wireA, wireB);
+  EXPECT_EQ(b.get_u32_array(5), std::vector<unsigned int>{7});
+}
+
 TEST(Message, MutableReferencesCreateZeroValues) {
   message m;
   EXPECT_EQ(m.get_u32_ref(5), 0u);
