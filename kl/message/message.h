@@ -242,9 +242,13 @@ class message {
   struct litem;
 
  private:
+  friend struct MessageDump;  // the dump of nested messages (kl/message/dump.cc)
+
   void makeUnshareable();
-  void dumpTo(std::ostream& out, const char* prefix, unsigned int depth) const;
-  void dumpTo(Dumper& out, const char* prefix, unsigned int depth) const;
+  // `nesting` counts the levels of nested messages above this one in the dump.
+  void dumpTo(std::ostream& out, const char* prefix, unsigned int depth,
+              unsigned int nesting = 0) const;
+  void dumpTo(Dumper& out, const char* prefix, unsigned int depth, unsigned int nesting = 0) const;
 
   Rep* rep_;
 };
