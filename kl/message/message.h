@@ -269,4 +269,9 @@ class message::flat_message : public std::vector<unsigned char> {
 
 }  // namespace kl
 
+// Every message carries the header vocabulary (SYS_TO, SYS_CMD, CMD_GETALL ...) and its
+// helpers, so a program that includes this header has them too. Included last: system.h
+// builds on the class above.
+#include "kl/message/system.h"  // IWYU pragma: export
+
 #endif  // KL_MESSAGE_MESSAGE_H_
