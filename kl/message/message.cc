@@ -22,29 +22,21 @@ NilHolder nilHolder;
 
 message::Rep* nilRep() { return &nilHolder.rep; }
 
-void destroyList(message::litem* node) {
-  while (node != nullptr) {
-    message::litem* next = node->next;
-    visitItem(node, [](auto* it) { delete it; });
-    node = next;
-  }
-}
-
-// Copies node by node, linking each copy at the head: the copy runs in reverse order.
-message::litem* copyList(const message::litem* node) {
-  message::litem* head = nullptr;
+// Copies node by node into `to`, linking each copy at the head: the copy runs in reverse
+// order.
+void copyList(message::Rep* to, const message::litem* node) {
   for (; node != nullptr; node = node->next) {
-    message::litem* copy = visitItem(node, [](const auto* it) -> message::litem* {
-      return new std::remove_const_t<std::remove_pointer_t<decltype(it)> >(*it);
+    visitItem(node, [to](const auto* it) {
+      using V = std::remove_const_t<decltype(it->value)>;
+      item<V>* copy = to->newItem<V>(it->id);
+      copy->value = it->value;
+      to->link(copy);
     });
-    copy->next = head;
-    head = copy;
   }
-  return head;
 }
 
 void release(message::Rep* rep) {
-  if (rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete rep;
+  if (rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) message::Rep::destroy(rep);
 }
 
 void retain(message::Rep* rep) { rep->refs.fetch_add(1, std::memory_order_relaxed); }
@@ -69,8 +61,43 @@ constexpr uint32_t arrayOf(uint32_t id, uint32_t type) { return withType(id, kAr
 }  // namespace
 
 message::Rep::~Rep() {
-  destroyList(fields);
-  destroyList(arrays);
+  for (litem* list : {fields, arrays}) {
+    while (list != nullptr) {
+      litem* next = list->next;
+      freeNode(list);
+      list = next;
+    }
+  }
+}
+
+message::Rep* message::Rep::create() {
+  void* memory = ::operator new(sizeof(Rep) + kPoolSize);
+  Rep* rep = new (memory) Rep();
+  rep->poolSize = kPoolSize;
+  return rep;
+}
+
+void message::Rep::destroy(Rep* rep) {
+  rep->~Rep();
+  ::operator delete(rep);
+}
+
+void message::Rep::freeNode(litem* node) {
+  visitItem(node, [this](auto* it) {
+    if (inPool(it)) {
+      using It = std::remove_pointer_t<decltype(it)>;
+      it->~It();
+    } else {
+      delete it;
+    }
+  });
+}
+
+void message::Rep::buildIndex() {
+  index.activate(nodeCount);
+  for (litem* list : {fields, arrays}) {
+    for (litem* node = list; node != nullptr; node = node->next) index.insert(node);
+  }
 }
 
 // --- construction and sharing ---------------------------------------------------------------
@@ -97,7 +124,7 @@ message::message(const flat_message& flat) : message(flat.data(), flat.size()) {
 
 message::message(const std::vector<unsigned char>& data) : message(data.data(), data.size()) {}
 
-message::message(const unsigned char* data, unsigned int len) : rep_(new Rep()) {
+message::message(const unsigned char* data, unsigned int len) : rep_(Rep::create()) {
   unflatten(data, len, flatten_full);
 }
 
@@ -113,14 +140,14 @@ void message::unique() {
 }
 
 void message::clone() {
-  Rep* copy = new Rep();
+  Rep* copy = Rep::create();
   const Rep* src = rep_;
   copy->singleBoolId = src->singleBoolId;
   copy->singleBoolValue = src->singleBoolValue;
   if (src->bools) copy->bools.reset(new htable<bool>(*src->bools));
   copy->u32s = src->u32s;
-  copy->fields = copyList(src->fields);
-  copy->arrays = copyList(src->arrays);
+  copyList(copy, src->fields);
+  copyList(copy, src->arrays);
   if (src->flatSide) copy->flatSide.reset(new Bytes(*src->flatSide));
   release(rep_);
   rep_ = copy;
@@ -224,19 +251,19 @@ unsigned int message::size_u32(uint32_t id) const { return get_u32_ref(id) != nu
 // --- other scalars --------------------------------------------------------------------------
 
 const unsigned long long* message::get_u64_ref(uint32_t id) const {
-  return findIn<unsigned long long>(rep_->fields, withType(id, kTypeU64));
+  return findIn<unsigned long long>(rep_, withType(id, kTypeU64));
 }
 const IPAddr6* message::get_addr6_ref(uint32_t id) const {
-  return findIn<IPAddr6>(rep_->fields, withType(id, kTypeAddr6));
+  return findIn<IPAddr6>(rep_, withType(id, kTypeAddr6));
 }
 const std::string* message::get_string_ref(uint32_t id) const {
-  return findIn<std::string>(rep_->fields, withType(id, kTypeString));
+  return findIn<std::string>(rep_, withType(id, kTypeString));
 }
 const Bytes* message::get_raw_ref(uint32_t id) const {
-  return findIn<Bytes>(rep_->fields, withType(id, kTypeRaw));
+  return findIn<Bytes>(rep_, withType(id, kTypeRaw));
 }
 const flat_message* message::get_message_ref(uint32_t id) const {
-  return findIn<flat_message>(rep_->fields, withType(id, kTypeMessage));
+  return findIn<flat_message>(rep_, withType(id, kTypeMessage));
 }
 
 unsigned long long message::get_u64(uint32_t id, unsigned long long dflt) const {
@@ -258,75 +285,72 @@ flat_message message::get_message(uint32_t id, const flat_message& dflt) const {
 
 unsigned long long& message::get_u64_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<unsigned long long>(rep_->fields, withType(id, kTypeU64));
+  return findOrCreateIn<unsigned long long>(rep_, withType(id, kTypeU64));
 }
 IPAddr6& message::get_addr6_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<IPAddr6>(rep_->fields, withType(id, kTypeAddr6));
+  return findOrCreateIn<IPAddr6>(rep_, withType(id, kTypeAddr6));
 }
 std::string& message::get_string_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::string>(rep_->fields, withType(id, kTypeString));
+  return findOrCreateIn<std::string>(rep_, withType(id, kTypeString));
 }
 Bytes& message::get_raw_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<Bytes>(rep_->fields, withType(id, kTypeRaw));
+  return findOrCreateIn<Bytes>(rep_, withType(id, kTypeRaw));
 }
 flat_message& message::get_message_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<flat_message>(rep_->fields, withType(id, kTypeMessage));
+  return findOrCreateIn<flat_message>(rep_, withType(id, kTypeMessage));
 }
 
 void message::insert_u64(uint32_t id, unsigned long long value) {
   unique();
-  findOrCreateIn<unsigned long long>(rep_->fields, withType(id, kTypeU64)) = value;
+  findOrCreateIn<unsigned long long>(rep_, withType(id, kTypeU64)) = value;
 }
 void message::insert_addr6(uint32_t id, const IPAddr6& value) {
   unique();
-  findOrCreateIn<IPAddr6>(rep_->fields, withType(id, kTypeAddr6)) = value;
+  findOrCreateIn<IPAddr6>(rep_, withType(id, kTypeAddr6)) = value;
 }
 void message::insert_string(uint32_t id, const std::string& value) {
   unique();
-  findOrCreateIn<std::string>(rep_->fields, withType(id, kTypeString)) = value;
+  findOrCreateIn<std::string>(rep_, withType(id, kTypeString)) = value;
 }
 void message::insert_raw(uint32_t id, const Bytes& value) {
   unique();
-  findOrCreateIn<Bytes>(rep_->fields, withType(id, kTypeRaw)) = value;
+  findOrCreateIn<Bytes>(rep_, withType(id, kTypeRaw)) = value;
 }
 void message::insert_message(uint32_t id, const flat_message& value) {
   unique();
-  findOrCreateIn<flat_message>(rep_->fields, withType(id, kTypeMessage)) = value;
+  findOrCreateIn<flat_message>(rep_, withType(id, kTypeMessage)) = value;
 }
 
 unsigned int message::size_field(uint32_t id) const {
-  for (const litem* n = rep_->fields; n != nullptr; n = n->next) {
-    if (n->id == id) return 1;
-  }
-  return 0;
+  return (id & kArrayBit) == 0 && rep_->findNode(id) != nullptr;
 }
 
 // --- arrays ---------------------------------------------------------------------------------
 
 const std::vector<bool>* message::get_bool_array_ref(uint32_t id) const {
-  return findIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool));
+  return findIn<std::vector<bool> >(rep_, arrayOf(id, kTypeBool));
 }
 const std::vector<unsigned int>* message::get_u32_array_ref(uint32_t id) const {
-  return findIn<std::vector<unsigned int> >(rep_->arrays, arrayOf(id, kTypeU32));
+  return findIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32));
 }
 const std::vector<unsigned long long>* message::get_u64_array_ref(uint32_t id) const {
-  return findIn<std::vector<unsigned long long> >(rep_->arrays, arrayOf(id, kTypeU64));
+  return findIn<std::vector<unsigned long long> >(rep_, arrayOf(id, kTypeU64));
 }
 const std::vector<IPAddr6>* message::get_addr6_array_ref(uint32_t id) const {
-  return findIn<std::vector<IPAddr6> >(rep_->arrays, arrayOf(id, kTypeAddr6));
+  return findIn<std::vector<IPAddr6> >(rep_, arrayOf(id, kTypeAddr6));
 }
 const std::vector<std::string>* message::get_string_array_ref(uint32_t id) const {
-  return findIn<std::vector<std::string> >(rep_->arrays, arrayOf(id, kTypeString));
+  return findIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString));
 }
 const std::vector<Bytes>* message::get_raw_array_ref(uint32_t id) const {
-  return findIn<std::vector<Bytes> >(rep_->arrays, arrayOf(id, kTypeRaw));
+  return findIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw));
 }
 const std::vector<flat_message>* message::get_message_array_ref(uint32_t id) const {
-  return findIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage));
+  return findIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage));
 }
 
 std::vector<bool> message::get_bool_array(uint32_t id) const {
@@ -356,68 +380,68 @@ std::vector<flat_message> message::get_message_array(uint32_t id) const {
 
 std::vector<bool>& message::get_bool_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool));
+  return findOrCreateIn<std::vector<bool> >(rep_, arrayOf(id, kTypeBool));
 }
 std::vector<unsigned int>& message::get_u32_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<unsigned int> >(rep_->arrays, arrayOf(id, kTypeU32));
+  return findOrCreateIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32));
 }
 std::vector<unsigned long long>& message::get_u64_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<unsigned long long> >(rep_->arrays, arrayOf(id, kTypeU64));
+  return findOrCreateIn<std::vector<unsigned long long> >(rep_, arrayOf(id, kTypeU64));
 }
 std::vector<IPAddr6>& message::get_addr6_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<IPAddr6> >(rep_->arrays, arrayOf(id, kTypeAddr6));
+  return findOrCreateIn<std::vector<IPAddr6> >(rep_, arrayOf(id, kTypeAddr6));
 }
 std::vector<std::string>& message::get_string_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<std::string> >(rep_->arrays, arrayOf(id, kTypeString));
+  return findOrCreateIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString));
 }
 std::vector<Bytes>& message::get_raw_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<Bytes> >(rep_->arrays, arrayOf(id, kTypeRaw));
+  return findOrCreateIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw));
 }
 std::vector<flat_message>& message::get_message_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage));
+  return findOrCreateIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage));
 }
 
 std::vector<unsigned int>& message::operator[](u32_array_id id) {
   unique();
-  return findOrCreateIn<std::vector<unsigned int> >(rep_->arrays, id);
+  return findOrCreateIn<std::vector<unsigned int> >(rep_, id);
 }
 
 void message::insert_bool_array(uint32_t id, const std::vector<bool>& value) {
   unique();
-  findOrCreateIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool)) = value;
+  findOrCreateIn<std::vector<bool> >(rep_, arrayOf(id, kTypeBool)) = value;
 }
 void message::insert_u32_array(uint32_t id, const std::vector<unsigned int>& value) {
   unique();
-  findOrCreateIn<std::vector<unsigned int> >(rep_->arrays, arrayOf(id, kTypeU32)) = value;
+  findOrCreateIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32)) = value;
 }
 void message::insert_be32_array(uint32_t id, const std::vector<unsigned int>& value) {
   insert_u32_array(id, swapped(value));
 }
 void message::insert_u64_array(uint32_t id, const std::vector<unsigned long long>& value) {
   unique();
-  findOrCreateIn<std::vector<unsigned long long> >(rep_->arrays, arrayOf(id, kTypeU64)) = value;
+  findOrCreateIn<std::vector<unsigned long long> >(rep_, arrayOf(id, kTypeU64)) = value;
 }
 void message::insert_addr6_array(uint32_t id, const std::vector<IPAddr6>& value) {
   unique();
-  findOrCreateIn<std::vector<IPAddr6> >(rep_->arrays, arrayOf(id, kTypeAddr6)) = value;
+  findOrCreateIn<std::vector<IPAddr6> >(rep_, arrayOf(id, kTypeAddr6)) = value;
 }
 void message::insert_string_array(uint32_t id, const std::vector<std::string>& value) {
   unique();
-  findOrCreateIn<std::vector<std::string> >(rep_->arrays, arrayOf(id, kTypeString)) = value;
+  findOrCreateIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString)) = value;
 }
 void message::insert_raw_array(uint32_t id, const std::vector<Bytes>& value) {
   unique();
-  findOrCreateIn<std::vector<Bytes> >(rep_->arrays, arrayOf(id, kTypeRaw)) = value;
+  findOrCreateIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw)) = value;
 }
 void message::insert_message_array(uint32_t id, const std::vector<flat_message>& value) {
   unique();
-  findOrCreateIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage)) = value;
+  findOrCreateIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage)) = value;
 }
 
 unsigned int message::size_bool_array(uint32_t id) const { return countOf(get_bool_array_ref(id)); }
@@ -437,10 +461,7 @@ unsigned int message::size_message_array(uint32_t id) const {
 }
 
 bool message::has_array(uint32_t id) const {
-  for (const litem* n = rep_->arrays; n != nullptr; n = n->next) {
-    if (n->id == id) return true;
-  }
-  return false;
+  return (id & kArrayBit) != 0 && rep_->findNode(id) != nullptr;
 }
 
 }  // namespace kl

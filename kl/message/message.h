@@ -17,7 +17,8 @@
 //
 // Storage: bools and u32 values live in hash tables (one slot per field, no allocation; a
 // message with a single bool keeps it inline), other scalars and arrays in two lists of
-// nodes, newest first. The order of tables and lists is the order of records on the wire.
+// nodes, newest first, found by id through an index once there are many. The order of
+// tables and lists is the order of records on the wire.
 //
 // Reference counts are atomic; everything else is unsynchronised. A handle is not safe for
 // concurrent mutation.

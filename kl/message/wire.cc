@@ -294,7 +294,7 @@ bool decodeBlob(message::Rep* r, Cursor& c, uint32_t id, bool shortForm) {
   const unsigned char* data;
   unsigned int n;
   if (!c.span(shortForm, &data, &n)) return false;
-  assignBytes(&findOrCreateIn<Blob>(r->fields, id), data, n);
+  assignBytes(&findOrCreateIn<Blob>(r, id), data, n);
   return true;
 }
 
@@ -302,7 +302,7 @@ template <class E>
 bool decodeElements(message::Rep* r, Cursor& c, uint32_t id, unsigned int count) {
   std::vector<E> values;
   if (!getElements(c, count, &values)) return false;
-  findOrCreateIn<std::vector<E> >(r->arrays, id).swap(values);
+  findOrCreateIn<std::vector<E> >(r, id).swap(values);
   return true;
 }
 
@@ -329,13 +329,13 @@ bool decodeRecord(message::Rep* r, Cursor& c, uint32_t word) {
     case kTypeU64: {
       unsigned long long v;
       if (!c.u64(&v)) return false;
-      findOrCreateIn<unsigned long long>(r->fields, id) = v;
+      findOrCreateIn<unsigned long long>(r, id) = v;
       return true;
     }
     case kTypeAddr6: {
       IPAddr6 v;
       if (!c.bytes(v.bytes, 16)) return false;
-      findOrCreateIn<IPAddr6>(r->fields, id) = v;
+      findOrCreateIn<IPAddr6>(r, id) = v;
       return true;
     }
     case kTypeString:
@@ -412,7 +412,7 @@ bool decodeOldItem(message::Rep* r, Cursor& c, unsigned int type, uint32_t numbe
       std::string s;
       if (!c.block(&s, false)) return false;
       if (!s.empty()) s.pop_back();
-      findOrCreateIn<std::string>(r->fields, number | kTypeString) = std::move(s);
+      findOrCreateIn<std::string>(r, number | kTypeString) = std::move(s);
       return true;
     }
     case wire::kOldRaw:
