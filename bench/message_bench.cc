@@ -65,8 +65,9 @@ kl::message buildKlRequest() {
   m.insert_bool(kl::SYS_REPLYEXP, true);
   m.insert_string(kl::SYS_USER, "admin");
   std::vector<kl::message::flat_message> objs;
+  objs.reserve(kObjects);
   for (int i = 0; i < kObjects; ++i) objs.emplace_back(buildKlObject(i));
-  m.insert_message_array(kl::STD_OBJS, objs);
+  m.insert_message_array(kl::STD_OBJS, std::move(objs));
   return m;
 }
 
@@ -81,6 +82,7 @@ void buildPbRequest(klbench::Request* r) {
   r->set_policy(0x1f);
   r->set_replyexp(true);
   r->set_user("admin");
+  r->mutable_objs()->Reserve(kObjects);
   for (int i = 0; i < kObjects; ++i) {
     klbench::Object* o = r->add_objs();
     o->set_id(100 + i);

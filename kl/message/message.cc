@@ -35,11 +35,16 @@ void copyList(message::Rep* to, const message::litem* node) {
   }
 }
 
+// The shared empty representation is never counted: it is never freed, and every write
+// to a handle holding it makes a fresh one first (message::unique).
 void release(message::Rep* rep) {
+  if (rep == nilRep()) return;
   if (rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) message::Rep::destroy(rep);
 }
 
-void retain(message::Rep* rep) { rep->refs.fetch_add(1, std::memory_order_relaxed); }
+void retain(message::Rep* rep) {
+  if (rep != nilRep()) rep->refs.fetch_add(1, std::memory_order_relaxed);
+}
 
 template <class V>
 V valueOr(const V* p, const V& dflt) {
@@ -72,9 +77,7 @@ message::Rep::~Rep() {
 
 message::Rep* message::Rep::create() {
   void* memory = ::operator new(sizeof(Rep) + kPoolSize);
-  Rep* rep = new (memory) Rep();
-  rep->poolSize = kPoolSize;
-  return rep;
+  return new (memory) Rep(kPoolSize);
 }
 
 void message::Rep::destroy(Rep* rep) {
@@ -102,7 +105,7 @@ void message::Rep::buildIndex() {
 
 // --- construction and sharing ---------------------------------------------------------------
 
-message::message() : rep_(nilRep()) { retain(rep_); }
+message::message() : rep_(nilRep()) {}
 
 message::message(const message& other) : rep_(other.rep_) {
   retain(rep_);
@@ -136,10 +139,14 @@ message& message::operator=(const flat_message& flat) {
 message::~message() { release(rep_); }
 
 void message::unique() {
-  if (rep_->refs.load(std::memory_order_acquire) > 1) clone();
+  if (rep_ == nilRep() || rep_->refs.load(std::memory_order_acquire) > 1) clone();
 }
 
 void message::clone() {
+  if (rep_ == nilRep()) {  // nothing to copy
+    rep_ = Rep::create();
+    return;
+  }
   Rep* copy = Rep::create();
   const Rep* src = rep_;
   copy->singleBoolId = src->singleBoolId;
@@ -320,6 +327,18 @@ void message::insert_raw(uint32_t id, const Bytes& value) {
   unique();
   findOrCreateIn<Bytes>(rep_, withType(id, kTypeRaw)) = value;
 }
+void message::insert_string(uint32_t id, std::string&& value) {
+  unique();
+  findOrCreateIn<std::string>(rep_, withType(id, kTypeString)) = std::move(value);
+}
+void message::insert_raw(uint32_t id, Bytes&& value) {
+  unique();
+  findOrCreateIn<Bytes>(rep_, withType(id, kTypeRaw)) = std::move(value);
+}
+void message::insert_message(uint32_t id, flat_message&& value) {
+  unique();
+  findOrCreateIn<flat_message>(rep_, withType(id, kTypeMessage)) = std::move(value);
+}
 void message::insert_message(uint32_t id, const flat_message& value) {
   unique();
   findOrCreateIn<flat_message>(rep_, withType(id, kTypeMessage)) = value;
@@ -419,6 +438,22 @@ void message::insert_bool_array(uint32_t id, const std::vector<bool>& value) {
 void message::insert_u32_array(uint32_t id, const std::vector<unsigned int>& value) {
   unique();
   findOrCreateIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32)) = value;
+}
+void message::insert_u32_array(uint32_t id, std::vector<unsigned int>&& value) {
+  unique();
+  findOrCreateIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32)) = std::move(value);
+}
+void message::insert_string_array(uint32_t id, std::vector<std::string>&& value) {
+  unique();
+  findOrCreateIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString)) = std::move(value);
+}
+void message::insert_raw_array(uint32_t id, std::vector<Bytes>&& value) {
+  unique();
+  findOrCreateIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw)) = std::move(value);
+}
+void message::insert_message_array(uint32_t id, std::vector<flat_message>&& value) {
+  unique();
+  findOrCreateIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage)) = std::move(value);
 }
 void message::insert_be32_array(uint32_t id, const std::vector<unsigned int>& value) {
   insert_u32_array(id, swapped(value));

@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kl/base/ipaddr6.h"
@@ -105,6 +106,10 @@ class message {
   void insert_string(uint32_t id, const std::string& value);
   void insert_raw(uint32_t id, const std::vector<unsigned char>& value);
   void insert_message(uint32_t id, const flat_message& value);
+  // The same, taking over the value's storage instead of copying it.
+  void insert_string(uint32_t id, std::string&& value);
+  void insert_raw(uint32_t id, std::vector<unsigned char>&& value);
+  void insert_message(uint32_t id, flat_message&& value);
 
   // 1 when a u64, addr6, string, message or raw field with exactly this id exists, else 0.
   unsigned int size_field(uint32_t id) const;
@@ -145,6 +150,11 @@ class message {
   void insert_string_array(uint32_t id, const std::vector<std::string>& value);
   void insert_raw_array(uint32_t id, const std::vector<std::vector<unsigned char> >& value);
   void insert_message_array(uint32_t id, const std::vector<flat_message>& value);
+  // The same, taking over the vector's storage instead of copying it.
+  void insert_u32_array(uint32_t id, std::vector<unsigned int>&& value);
+  void insert_string_array(uint32_t id, std::vector<std::string>&& value);
+  void insert_raw_array(uint32_t id, std::vector<std::vector<unsigned char> >&& value);
+  void insert_message_array(uint32_t id, std::vector<flat_message>&& value);
 
   // Element counts, 0 when the array is absent.
   unsigned int size_bool_array(uint32_t id) const;
@@ -164,6 +174,9 @@ class message {
   void remove(u32_id id) { remove_u32(id); }
   void insert(u32_array_id id, const std::vector<unsigned int>& value) {
     insert_u32_array(id, value);
+  }
+  void insert(u32_array_id id, std::vector<unsigned int>&& value) {
+    insert_u32_array(id, std::move(value));
   }
   void insert_vector(u32_array_id id, unsigned int value) {  // a one-element array
     insert_u32_array(id, std::vector<unsigned int>(1, value));

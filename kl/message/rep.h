@@ -51,6 +51,8 @@ constexpr uint32_t kNoBool = 0xFFFFFFFFu;
 struct message::Rep {
   // The representation that every default-constructed message shares: no node pool.
   constexpr Rep() = default;
+  // A representation with `pool` bytes of node pool after it (see create()).
+  explicit Rep(uint32_t pool) : u32s(htable<unsigned int>::kUninitialized), poolSize(pool) {}
   Rep(const Rep&) = delete;
   Rep& operator=(const Rep&) = delete;
   ~Rep();
