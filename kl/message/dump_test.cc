@@ -206,23 +206,37 @@ TEST(Dump, NestingDeeperThanTheLimitIsCut) {
 TEST(Dump, DumperStopsDecodingWhenItsBufferIsFull) {
   message inner;
   for (unsigned int i = 0; i < 20; ++i) inner.insert_u32(i, i);
-  message m;
-  m.insert_message_array(0x28000004, std::vector<message::flat_message>(100, inner));
-  m.insert_message(0x28000005, inner);
-  for (unsigned int i = 0; i < 10; ++i) m.insert_u32(i, i);  // fills the small buffer first
+  message array;  // 100 nested messages of 20 lines each
+  array.insert_message_array(0x28000004, std::vector<message::flat_message>(100, inner));
+  message scalarsFirst = array;
+  scalarsFirst.insert_message(0x28000005, inner);
+  for (unsigned int i = 0; i < 10; ++i) scalarsFirst.insert_u32(i, i);
 
-  char small[64];
-  Dumper d(small, sizeof small);
-  allocations = 0;
-  countingAllocations = true;
-  m.dump2(d, "", 0);
-  countingAllocations = false;
-  EXPECT_TRUE(d.full());
-  EXPECT_EQ(allocations, 0u);
+  struct Case {
+    const char* name;
+    const message* m;
+    unsigned int capacity;
+    unsigned long maxAllocations;
+  };
+  const Case cases[] = {
+      {"full before any nested message", &scalarsFirst, 64, 0},
+      {"full inside the first element of an array", &array, 200, 4},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<char> small(c.capacity);
+    Dumper d(small.data(), small.size());
+    allocations = 0;
+    countingAllocations = true;
+    c.m->dump2(d, "", 0);
+    countingAllocations = false;
+    EXPECT_TRUE(d.full());
+    EXPECT_LE(allocations, c.maxAllocations);
+  }
 
   std::vector<char> big(1 << 17);
   Dumper whole(big.data(), big.size());
-  m.dump2(whole, "", 0);
+  scalarsFirst.dump2(whole, "", 0);
   EXPECT_FALSE(whole.full());
   EXPECT_EQ(countOf(std::string(whole.data(), whole.size()), "--- kl::message --------\n"), 102u);
 }
