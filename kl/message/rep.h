@@ -48,7 +48,7 @@ struct item : message::litem {
 
 constexpr uint32_t kNoBool = 0xFFFFFFFFu;
 
-struct message::Rep {
+struct alignas(8) message::Rep {  // 8: the node pool follows it
   // The representation that every default-constructed message shares: no node pool.
   constexpr Rep() = default;
   // A representation with `pool` bytes of node pool after it (see create()).
