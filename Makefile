@@ -13,7 +13,7 @@
 
 ENSURE := scripts/ensure-packages
 HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev
-BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler libuv1-dev liblmdb-dev libsystemd-dev dbus
+BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler libuv1-dev libevent-dev liblmdb-dev libsystemd-dev dbus
 PPC_PACKAGES := cmake ninja-build g++-powerpc-linux-gnu qemu-user googletest
 FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
 FUZZ_SECONDS ?= 20

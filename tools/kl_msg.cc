@@ -306,6 +306,16 @@ void insertArray(kl::message& m, uint32_t type, uint32_t id, const std::vector<V
   }
 }
 
+// The longest string, message or raw value, and the most array elements, that the wire
+// format's 16-bit lengths and counts can carry.
+constexpr size_t kMaxWireLength = 65535;
+
+size_t blockLength(uint32_t type, const Value& v) {
+  if (type == kl::kTypeString) return v.text.size();
+  if (type == kl::kTypeMessage || type == kl::kTypeRaw) return v.bytes.size();
+  return 0;
+}
+
 // Adds one TYPE:ID=VALUE field to `m`; returns an error text, empty on success.
 std::string addField(kl::message& m, const std::string& field) {
   const size_t colon = field.find(':');
@@ -326,10 +336,16 @@ std::string addField(kl::message& m, const std::string& field) {
     return "bad field id in '" + field + "'";
   }
   const std::string valueText = field.substr(equals + 1);
+  const std::string name = field.substr(0, equals);
+  auto tooLong = [&name](size_t n) {
+    return "value of '" + name + "' is " + std::to_string(n) + " bytes, more than the " +
+           std::to_string(kMaxWireLength) + " a message can carry";
+  };
   const uint32_t id = kl::withType(number, type->bits | (array ? kl::kArrayBit : 0));
   if (!array) {
     Value v;
     if (!parseValue(type->bits, valueText, &v)) return "bad value in '" + field + "'";
+    if (blockLength(type->bits, v) > kMaxWireLength) return tooLong(blockLength(type->bits, v));
     insertScalar(m, type->bits, id, v);
     return "";
   }
@@ -339,6 +355,13 @@ std::string addField(kl::message& m, const std::string& field) {
     if (!parseValue(type->bits, element, &elements.back())) {
       return "bad element '" + element + "' in '" + field + "'";
     }
+    if (blockLength(type->bits, elements.back()) > kMaxWireLength) {
+      return tooLong(blockLength(type->bits, elements.back()));
+    }
+  }
+  if (elements.size() > kMaxWireLength) {
+    return "array '" + name + "' has " + std::to_string(elements.size()) +
+           " elements, more than the " + std::to_string(kMaxWireLength) + " a message can carry";
   }
   insertArray(m, type->bits, id, elements);  // a repeated field replaces the earlier one
   return "";

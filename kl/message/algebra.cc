@@ -6,35 +6,29 @@ namespace kl {
 
 namespace {
 
-// Whether `node`'s value equals the value of the node with the same id in `list`.
-bool hasEqualNode(const message::litem* list, const message::litem* node) {
-  return visitItem(node, [list, node](const auto* it) {
+// Whether `node`'s value equals the value of the node with the same id in `mine`.
+bool hasEqualNode(const message::Rep* mine, const message::litem* node) {
+  return visitItem(node, [mine, node](const auto* it) {
     using V = std::remove_const_t<decltype(it->value)>;
-    const V* mine = findIn<V>(list, node->id);
-    return mine != nullptr && *mine == it->value;
+    const V* here = findIn<V>(mine, node->id);
+    return here != nullptr && *here == it->value;
   });
 }
 
-// Copies `node` into `list`, replacing the value of the node with the same id.
-void assignNode(message::litem*& list, const message::litem* node) {
-  visitItem(node, [&list, node](const auto* it) {
+// Copies `node` into `r`, replacing the value of the node with the same id.
+void assignNode(message::Rep* r, const message::litem* node) {
+  visitItem(node, [r, node](const auto* it) {
     using V = std::remove_const_t<decltype(it->value)>;
-    findOrCreateIn<V>(list, node->id) = it->value;
+    findOrCreateIn<V>(r, node->id) = it->value;
   });
 }
 
-bool includesList(const message::litem* mine, const message::litem* theirs, unsigned int& count) {
+bool includesList(const message::Rep* mine, const message::litem* theirs, unsigned int& count) {
   count = 0;
   for (; theirs != nullptr; theirs = theirs->next, ++count) {
     if (!hasEqualNode(mine, theirs)) return false;
   }
   return true;
-}
-
-unsigned int listLength(const message::litem* node) {
-  unsigned int n = 0;
-  for (; node != nullptr; node = node->next) ++n;
-  return n;
 }
 
 bool includes_bools(const message::Rep* mine, const message::Rep* theirs) {
@@ -57,35 +51,31 @@ bool includes_u32s(const message::Rep* mine, const message::Rep* theirs) {
 }
 
 bool includes_fields(const message::Rep* mine, const message::Rep* theirs, unsigned int& count) {
-  return includesList(mine->fields, theirs->fields, count);
+  return includesList(mine, theirs->fields, count);
 }
 
 bool includes_arrays(const message::Rep* mine, const message::Rep* theirs, unsigned int& count) {
-  return includesList(mine->arrays, theirs->arrays, count);
+  return includesList(mine, theirs->arrays, count);
 }
 
-// Unlinks and frees every node for which pred(id) holds.
+// Unlinks and frees every node of the list at `head` for which pred(id) holds.
 template <class Pred>
-void removeNodes(message::litem*& head, Pred&& pred) {
+void removeNodes(message::Rep* r, message::litem*& head, Pred&& pred) {
   message::litem** link = &head;
   while (*link != nullptr) {
-    message::litem* node = *link;
-    if (pred(node->id)) {
-      *link = node->next;
-      visitItem(node, [](auto* it) { delete it; });
+    if (pred((*link)->id)) {
+      r->unlink(link);
     } else {
-      link = &node->next;
+      link = &(*link)->next;
     }
   }
 }
 
-void removeFirstNode(message::litem*& head, uint32_t id) {
-  bool done = false;
-  removeNodes(head, [&done, id](uint32_t nodeId) {
-    if (done || nodeId != id) return false;
-    done = true;
-    return true;
-  });
+void removeFirstNode(message::Rep* r, message::litem*& head, uint32_t id) {
+  if (r->findNode(id) == nullptr) return;  // most removals in a long list are of absent ids
+  message::litem** link = &head;
+  while (*link != nullptr && (*link)->id != id) link = &(*link)->next;
+  if (*link != nullptr) r->unlink(link);
 }
 
 }  // namespace
@@ -108,11 +98,11 @@ void message::merge(const message& other) {
     }
     o->bools->forEach([r](uint32_t id, bool value) { r->bools->get_ref(id) = value; });
   } else if (o->singleBoolId != kNoBool) {
-    r->boolRef(o->singleBoolId) = o->singleBoolValue;
+    r->setBool(o->singleBoolId, o->singleBoolValue);
   }
   o->u32s.forEach([r](uint32_t id, unsigned int value) { r->u32s.get_ref(id) = value; });
-  for (const litem* f = o->fields; f != nullptr; f = f->next) assignNode(r->fields, f);
-  for (const litem* a = o->arrays; a != nullptr; a = a->next) assignNode(r->arrays, a);
+  for (const litem* f = o->fields; f != nullptr; f = f->next) assignNode(r, f);
+  for (const litem* a = o->arrays; a != nullptr; a = a->next) assignNode(r, a);
 }
 
 bool message::includes(const message& other) const {
@@ -130,8 +120,8 @@ bool message::operator==(const message& other) const {
   unsigned int arrays;
   return r->boolCount() == o->boolCount() && includes_bools(r, o) &&
          r->u32s.count() == o->u32s.count() && includes_u32s(r, o) &&
-         includes_fields(r, o, fields) && listLength(r->fields) == fields &&
-         includes_arrays(r, o, arrays) && listLength(r->arrays) == arrays;
+         includes_fields(r, o, fields) && includes_arrays(r, o, arrays) &&
+         r->nodeCount == fields + arrays;
 }
 
 void message::removeIdMask(uint32_t value, uint32_t mask) {
@@ -145,8 +135,8 @@ void message::removeIdMask(uint32_t value, uint32_t mask) {
     if (r->singleBoolId != kNoBool && matches(r->singleBoolId)) r->singleBoolId = kNoBool;
   }
   if ((mask & kTypeU32) == (target & kTypeMask)) r->u32s.removeIf(matches);
-  removeNodes(r->fields, matches);
-  removeNodes(r->arrays, matches);
+  removeNodes(r, r->fields, matches);
+  removeNodes(r, r->arrays, matches);
 }
 
 void message::remove_bool(uint32_t id) {
@@ -166,12 +156,12 @@ void message::remove_u32(uint32_t id) {
 
 void message::remove_field(uint32_t id) {
   unique();
-  removeFirstNode(rep_->fields, id);
+  if ((id & kArrayBit) == 0) removeFirstNode(rep_, rep_->fields, id);
 }
 
 void message::remove_array(uint32_t id) {
   unique();
-  removeFirstNode(rep_->arrays, id);
+  if ((id & kArrayBit) != 0) removeFirstNode(rep_, rep_->arrays, id);
 }
 
 }  // namespace kl

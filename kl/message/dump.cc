@@ -7,6 +7,14 @@
 
 namespace kl {
 
+struct MessageDump {
+  template <class Out>
+  static void nested(const message& m, Out& out, const char* prefix, unsigned int depth,
+                     unsigned int nesting) {
+    m.dumpTo(out, prefix, depth, nesting);
+  }
+};
+
 namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
@@ -50,6 +58,10 @@ const char* const* installedNames = nullptr;
 
 void setDecimal(std::ostream& out) { out << std::dec; }
 void setDecimal(Dumper&) {}
+
+// Whether nothing more written to `out` would be kept: a stream takes everything.
+bool isFull(const std::ostream&) { return false; }
+bool isFull(const Dumper& out) { return out.full(); }
 
 template <class Out>
 void putText(Out& out, const std::string& s) {
@@ -133,13 +145,24 @@ const char* scalarWord(uint32_t id) {
   }
 }
 
+// Decodes and dumps a nested message one level deeper, unless that passes the nesting
+// limit or nothing more can be shown.
 template <class Out>
-void dumpNested(Out& out, const flat_message& flat, const char* prefix, unsigned int depth) {
-  message(flat).dump2(out, prefix, depth);
+void dumpNested(Out& out, const flat_message& flat, const char* prefix, unsigned int depth,
+                unsigned int nesting) {
+  if (isFull(out)) return;
+  if (nesting >= kMaxDumpNesting) {
+    indent(out, prefix, depth);
+    out << "--- kl::message nested too deep ---";
+    doEndl(out);
+    return;
+  }
+  MessageDump::nested(message(flat), out, prefix, depth, nesting + 1);
 }
 
 template <class Out>
-void dumpField(Out& out, const message::litem* node, const char* prefix, unsigned int depth) {
+void dumpField(Out& out, const message::litem* node, const char* prefix, unsigned int depth,
+               unsigned int nesting) {
   indent(out, prefix, depth);
   out << scalarWord(node->id);
   out << fieldIdName(node->id);
@@ -148,7 +171,7 @@ void dumpField(Out& out, const message::litem* node, const char* prefix, unsigne
     if constexpr (std::is_same<V, flat_message>::value) {
       out << "]...";
       doEndl(out);
-      dumpNested(out, it->value, prefix, depth + 1);
+      dumpNested(out, it->value, prefix, depth + 1, nesting);
     } else if constexpr (!IsArray<V>::value) {
       out << "]=";
       putElement(out, it->value);
@@ -181,7 +204,8 @@ void putElements(Out& out, const std::vector<unsigned int>& elements, uint32_t i
 }
 
 template <class Out>
-void dumpArray(Out& out, const message::litem* node, const char* prefix, unsigned int depth) {
+void dumpArray(Out& out, const message::litem* node, const char* prefix, unsigned int depth,
+               unsigned int nesting) {
   indent(out, prefix, depth);
   out << arrayWord(node->id);
   out << fieldIdName(node->id);
@@ -190,7 +214,7 @@ void dumpArray(Out& out, const message::litem* node, const char* prefix, unsigne
     if constexpr (std::is_same<V, std::vector<flat_message> >::value) {
       out << "]..";
       doEndl(out);
-      for (const flat_message& e : it->value) dumpNested(out, e, prefix, depth + 1);
+      for (const flat_message& e : it->value) dumpNested(out, e, prefix, depth + 1, nesting);
     } else if constexpr (IsArray<V>::value) {
       out << "]=";
       putElements(out, it->value, node->id);
@@ -246,7 +270,8 @@ void setHandlerIdNames(const char* const* names) { installedNames = names; }
 // --- dump2 ---------------------------------------------------------------------------------
 
 template <class Out>
-void dumpRep(const message::Rep* r, Out& out, const char* prefix, unsigned int depth) {
+void dumpRep(const message::Rep* r, Out& out, const char* prefix, unsigned int depth,
+             unsigned int nesting) {
   setDecimal(out);
   indent(out, prefix, depth);
   out << "--- kl::message --------";
@@ -266,23 +291,25 @@ void dumpRep(const message::Rep* r, Out& out, const char* prefix, unsigned int d
     out << fieldValueName(id, value);
     doEndl(out);
   });
-  for (const message::litem* f = r->fields; f != nullptr; f = f->next) {
-    dumpField(out, f, prefix, depth);
+  for (const message::litem* f = r->fields; f != nullptr && !isFull(out); f = f->next) {
+    dumpField(out, f, prefix, depth, nesting);
   }
-  for (const message::litem* a = r->arrays; a != nullptr; a = a->next) {
-    dumpArray(out, a, prefix, depth);
+  for (const message::litem* a = r->arrays; a != nullptr && !isFull(out); a = a->next) {
+    dumpArray(out, a, prefix, depth, nesting);
   }
   indent(out, prefix, depth);
   out << "------------------------";
   doEndl(out);
 }
 
-void message::dumpTo(std::ostream& out, const char* prefix, unsigned int depth) const {
-  dumpRep(rep_, out, prefix, depth);
+void message::dumpTo(std::ostream& out, const char* prefix, unsigned int depth,
+                     unsigned int nesting) const {
+  dumpRep(rep_, out, prefix, depth, nesting);
 }
 
-void message::dumpTo(Dumper& out, const char* prefix, unsigned int depth) const {
-  dumpRep(rep_, out, prefix, depth);
+void message::dumpTo(Dumper& out, const char* prefix, unsigned int depth,
+                     unsigned int nesting) const {
+  dumpRep(rep_, out, prefix, depth, nesting);
 }
 
 }  // namespace kl

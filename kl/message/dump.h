@@ -12,7 +12,10 @@
 //
 // Every line starts with the caller's prefix and four spaces per nesting level. Bools, then
 // u32 fields, then the other scalars, then arrays; nested messages follow their field's
-// line one level deeper.
+// line one level deeper. Nested messages are shown down to kMaxDumpNesting levels below the
+// dumped one; a message nested deeper is replaced by the single line
+// "--- kl::message nested too deep ---", so that a hostile input bounds the stack and the
+// memory a dump takes. A dump into a Dumper stops as soon as its buffer is full.
 #ifndef KL_MESSAGE_DUMP_H_
 #define KL_MESSAGE_DUMP_H_
 
@@ -42,6 +45,8 @@ class Dumper : public virtual std::ostream {
   const char* data() const { return buf_; }
   unsigned int size() const { return used_; }
   unsigned int capacity() const { return capacity_; }
+  // Whether the buffer is full: nothing more written is kept.
+  bool full() const { return used_ == capacity_; }
   // Forgets what was written.
   void clear() { used_ = 0; }
 
@@ -50,6 +55,9 @@ class Dumper : public virtual std::ostream {
   unsigned int capacity_;
   unsigned int used_ = 0;
 };
+
+// How many levels of nested messages a dump shows below the dumped message.
+constexpr unsigned int kMaxDumpNesting = 32;
 
 // Ends a dump line: a line feed on a Dumper, std::endl on a standard stream.
 inline void doEndl(Dumper& out) { out.write("\n", 1); }

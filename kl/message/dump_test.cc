@@ -2,12 +2,40 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <new>
 #include <sstream>
 
+#include "kl/base/endian.h"
 #include "kl/message/system.h"
+
+// Counts the allocations made while `countingAllocations` is set, for the tests that show
+// where a dump into a Dumper allocates.
+namespace {
+std::atomic<bool> countingAllocations{false};
+std::atomic<unsigned long> allocations{0};
+}  // namespace
+
+// GCC takes free() in a replaced operator delete for a mismatch with new; here both sides
+// are the replacements below, which use malloc and free.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+void* operator new(size_t n) {
+  if (countingAllocations) ++allocations;
+  void* p = malloc(n == 0 ? 1 : n);
+  if (p == nullptr) throw std::bad_alloc();
+  return p;
+}
+void operator delete(void* p) noexcept { free(p); }
+void operator delete(void* p, size_t) noexcept { free(p); }
 
 namespace kl {
 namespace {
+
+using Bytes = std::vector<unsigned char>;
 
 std::string dumpOf(const message& m, const char* prefix = "", unsigned int depth = 0) {
   std::ostringstream out;
@@ -131,6 +159,88 @@ TEST(Dump, DumperPrintsNumbersAsFixedWidthHex) {
                            kFooter);
 }
 
+// A chain of `levels` messages, each holding the next as message field 1, built front to
+// back in one buffer: 8 bytes per level and the innermost "M2".
+Bytes nestedChain(unsigned int levels) {
+  const size_t total = 2 + 8 * size_t(levels);
+  Bytes bytes(total);
+  for (unsigned int i = 0; i < levels; ++i) {
+    unsigned char* p = &bytes[8 * size_t(i)];
+    storeLe16(p, 0x324D);
+    storeLe32(p + 2, 0x28000001);
+    storeLe16(p + 6, static_cast<uint16_t>(total - 8 * (size_t(i) + 1)));
+  }
+  storeLe16(&bytes[total - 2], 0x324D);
+  return bytes;
+}
+
+size_t countOf(const std::string& text, const std::string& word) {
+  size_t n = 0;
+  for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++n;
+  return n;
+}
+
+// A hostile input nested thousands of levels deep is dumped to a bounded depth (bounded
+// stack and memory), and the cut is shown.
+TEST(Dump, NestingDeeperThanTheLimitIsCut) {
+  const Bytes chain = nestedChain(8000);
+  ASSERT_EQ(chain.size(), 64002u);
+  message m;
+  ASSERT_TRUE(m.unflatten(chain.data(), chain.size(), message::flatten_full));
+  const std::string text = dumpOf(m);
+  EXPECT_EQ(countOf(text, "--- kl::message --------\n"), kMaxDumpNesting + 1);
+  EXPECT_EQ(countOf(text, "--- kl::message nested too deep ---\n"), 1u);
+  EXPECT_EQ(text.substr(text.size() - 25), kFooter);
+
+  // A chain within the limit is shown whole.
+  const Bytes shallow = nestedChain(kMaxDumpNesting);
+  message n;
+  ASSERT_TRUE(n.unflatten(shallow.data(), shallow.size(), message::flatten_full));
+  const std::string all = dumpOf(n);
+  EXPECT_EQ(countOf(all, "--- kl::message --------\n"), kMaxDumpNesting + 1);
+  EXPECT_EQ(countOf(all, "nested too deep"), 0u);
+}
+
+// Once the fixed buffer is full nothing more can be shown, so the dump stops there and
+// decodes no further nested message: it allocates nothing more inside a signal handler.
+TEST(Dump, DumperStopsDecodingWhenItsBufferIsFull) {
+  message inner;
+  for (unsigned int i = 0; i < 20; ++i) inner.insert_u32(i, i);
+  message array;  // 100 nested messages of 20 lines each
+  array.insert_message_array(0x28000004, std::vector<message::flat_message>(100, inner));
+  message scalarsFirst = array;
+  scalarsFirst.insert_message(0x28000005, inner);
+  for (unsigned int i = 0; i < 10; ++i) scalarsFirst.insert_u32(i, i);
+
+  struct Case {
+    const char* name;
+    const message* m;
+    unsigned int capacity;
+    unsigned long maxAllocations;
+  };
+  const Case cases[] = {
+      {"full before any nested message", &scalarsFirst, 64, 0},
+      {"full inside the first element of an array", &array, 200, 4},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<char> small(c.capacity);
+    Dumper d(small.data(), small.size());
+    allocations = 0;
+    countingAllocations = true;
+    c.m->dump2(d, "", 0);
+    countingAllocations = false;
+    EXPECT_TRUE(d.full());
+    EXPECT_LE(allocations, c.maxAllocations);
+  }
+
+  std::vector<char> big(1 << 17);
+  Dumper whole(big.data(), big.size());
+  scalarsFirst.dump2(whole, "", 0);
+  EXPECT_FALSE(whole.full());
+  EXPECT_EQ(countOf(std::string(whole.data(), whole.size()), "--- kl::message --------\n"), 102u);
+}
+
 TEST(Dumper, TruncatesSilentlyAtCapacity) {
   char buf[8];
   Dumper d(buf, sizeof buf);
@@ -140,6 +250,7 @@ TEST(Dumper, TruncatesSilentlyAtCapacity) {
   d << "more";
   d << 5u;
   EXPECT_EQ(d.size(), 8u);
+  EXPECT_TRUE(d.full());
 }
 
 TEST(Dumper, NumberFormats) {

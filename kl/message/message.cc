@@ -22,32 +22,29 @@ NilHolder nilHolder;
 
 message::Rep* nilRep() { return &nilHolder.rep; }
 
-void destroyList(message::litem* node) {
-  while (node != nullptr) {
-    message::litem* next = node->next;
-    visitItem(node, [](auto* it) { delete it; });
-    node = next;
-  }
-}
-
-// Copies node by node, linking each copy at the head: the copy runs in reverse order.
-message::litem* copyList(const message::litem* node) {
-  message::litem* head = nullptr;
+// Copies node by node into `to`, linking each copy at the head: the copy runs in reverse
+// order.
+void copyList(message::Rep* to, const message::litem* node) {
   for (; node != nullptr; node = node->next) {
-    message::litem* copy = visitItem(node, [](const auto* it) -> message::litem* {
-      return new std::remove_const_t<std::remove_pointer_t<decltype(it)> >(*it);
+    visitItem(node, [to](const auto* it) {
+      using V = std::remove_const_t<decltype(it->value)>;
+      item<V>* copy = to->newItem<V>(it->id);
+      copy->value = it->value;
+      to->link(copy);
     });
-    copy->next = head;
-    head = copy;
   }
-  return head;
 }
 
+// The shared empty representation is never counted: it is never freed, and every write
+// to a handle holding it makes a fresh one first (message::unique).
 void release(message::Rep* rep) {
-  if (rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete rep;
+  if (rep == nilRep()) return;
+  if (rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) message::Rep::destroy(rep);
 }
 
-void retain(message::Rep* rep) { rep->refs.fetch_add(1, std::memory_order_relaxed); }
+void retain(message::Rep* rep) {
+  if (rep != nilRep()) rep->refs.fetch_add(1, std::memory_order_relaxed);
+}
 
 template <class V>
 V valueOr(const V* p, const V& dflt) {
@@ -69,13 +66,46 @@ constexpr uint32_t arrayOf(uint32_t id, uint32_t type) { return withType(id, kAr
 }  // namespace
 
 message::Rep::~Rep() {
-  destroyList(fields);
-  destroyList(arrays);
+  for (litem* list : {fields, arrays}) {
+    while (list != nullptr) {
+      litem* next = list->next;
+      freeNode(list);
+      list = next;
+    }
+  }
+}
+
+message::Rep* message::Rep::create() {
+  void* memory = ::operator new(sizeof(Rep) + kPoolSize);
+  return new (memory) Rep(kPoolSize);
+}
+
+void message::Rep::destroy(Rep* rep) {
+  rep->~Rep();
+  ::operator delete(rep);
+}
+
+void message::Rep::freeNode(litem* node) {
+  visitItem(node, [this](auto* it) {
+    if (inPool(it)) {
+      using It = std::remove_pointer_t<decltype(it)>;
+      it->~It();
+    } else {
+      delete it;
+    }
+  });
+}
+
+void message::Rep::buildIndex() {
+  index.activate(nodeCount);
+  for (litem* list : {fields, arrays}) {
+    for (litem* node = list; node != nullptr; node = node->next) index.insert(node);
+  }
 }
 
 // --- construction and sharing ---------------------------------------------------------------
 
-message::message() : rep_(nilRep()) { retain(rep_); }
+message::message() : rep_(nilRep()) {}
 
 message::message(const message& other) : rep_(other.rep_) {
   retain(rep_);
@@ -97,7 +127,7 @@ message::message(const flat_message& flat) : message(flat.data(), flat.size()) {
 
 message::message(const std::vector<unsigned char>& data) : message(data.data(), data.size()) {}
 
-message::message(const unsigned char* data, unsigned int len) : rep_(new Rep()) {
+message::message(const unsigned char* data, unsigned int len) : rep_(Rep::create()) {
   unflatten(data, len, flatten_full);
 }
 
@@ -109,18 +139,22 @@ message& message::operator=(const flat_message& flat) {
 message::~message() { release(rep_); }
 
 void message::unique() {
-  if (rep_->refs.load(std::memory_order_acquire) > 1) clone();
+  if (rep_ == nilRep() || rep_->refs.load(std::memory_order_acquire) > 1) clone();
 }
 
 void message::clone() {
-  Rep* copy = new Rep();
+  if (rep_ == nilRep()) {  // nothing to copy
+    rep_ = Rep::create();
+    return;
+  }
+  Rep* copy = Rep::create();
   const Rep* src = rep_;
   copy->singleBoolId = src->singleBoolId;
   copy->singleBoolValue = src->singleBoolValue;
   if (src->bools) copy->bools.reset(new htable<bool>(*src->bools));
   copy->u32s = src->u32s;
-  copy->fields = copyList(src->fields);
-  copy->arrays = copyList(src->arrays);
+  copyList(copy, src->fields);
+  copyList(copy, src->arrays);
   if (src->flatSide) copy->flatSide.reset(new Bytes(*src->flatSide));
   release(rep_);
   rep_ = copy;
@@ -160,6 +194,14 @@ bool& message::Rep::boolRef(uint32_t id) {
   return value;
 }
 
+void message::Rep::setBool(uint32_t id, bool value) {
+  if (bools) {
+    bools->get_ref(id) = value;
+  } else {
+    boolRef(id) = value;
+  }
+}
+
 const bool* message::get_bool_ref(uint32_t id) const {
   id = withType(id, kTypeBool);
   if (rep_->bools) return rep_->bools->find(id);
@@ -175,7 +217,7 @@ bool& message::get_bool_ref(uint32_t id) {
 
 void message::insert_bool(uint32_t id, bool value) {
   unique();
-  rep_->boolRef(withType(id, kTypeBool)) = value;
+  rep_->setBool(withType(id, kTypeBool), value);
 }
 
 unsigned int message::size_bool(uint32_t id) const { return get_bool_ref(id) != nullptr; }
@@ -216,19 +258,19 @@ unsigned int message::size_u32(uint32_t id) const { return get_u32_ref(id) != nu
 // --- other scalars --------------------------------------------------------------------------
 
 const unsigned long long* message::get_u64_ref(uint32_t id) const {
-  return findIn<unsigned long long>(rep_->fields, withType(id, kTypeU64));
+  return findIn<unsigned long long>(rep_, withType(id, kTypeU64));
 }
 const IPAddr6* message::get_addr6_ref(uint32_t id) const {
-  return findIn<IPAddr6>(rep_->fields, withType(id, kTypeAddr6));
+  return findIn<IPAddr6>(rep_, withType(id, kTypeAddr6));
 }
 const std::string* message::get_string_ref(uint32_t id) const {
-  return findIn<std::string>(rep_->fields, withType(id, kTypeString));
+  return findIn<std::string>(rep_, withType(id, kTypeString));
 }
 const Bytes* message::get_raw_ref(uint32_t id) const {
-  return findIn<Bytes>(rep_->fields, withType(id, kTypeRaw));
+  return findIn<Bytes>(rep_, withType(id, kTypeRaw));
 }
 const flat_message* message::get_message_ref(uint32_t id) const {
-  return findIn<flat_message>(rep_->fields, withType(id, kTypeMessage));
+  return findIn<flat_message>(rep_, withType(id, kTypeMessage));
 }
 
 unsigned long long message::get_u64(uint32_t id, unsigned long long dflt) const {
@@ -250,75 +292,84 @@ flat_message message::get_message(uint32_t id, const flat_message& dflt) const {
 
 unsigned long long& message::get_u64_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<unsigned long long>(rep_->fields, withType(id, kTypeU64));
+  return findOrCreateIn<unsigned long long>(rep_, withType(id, kTypeU64));
 }
 IPAddr6& message::get_addr6_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<IPAddr6>(rep_->fields, withType(id, kTypeAddr6));
+  return findOrCreateIn<IPAddr6>(rep_, withType(id, kTypeAddr6));
 }
 std::string& message::get_string_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::string>(rep_->fields, withType(id, kTypeString));
+  return findOrCreateIn<std::string>(rep_, withType(id, kTypeString));
 }
 Bytes& message::get_raw_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<Bytes>(rep_->fields, withType(id, kTypeRaw));
+  return findOrCreateIn<Bytes>(rep_, withType(id, kTypeRaw));
 }
 flat_message& message::get_message_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<flat_message>(rep_->fields, withType(id, kTypeMessage));
+  return findOrCreateIn<flat_message>(rep_, withType(id, kTypeMessage));
 }
 
 void message::insert_u64(uint32_t id, unsigned long long value) {
   unique();
-  findOrCreateIn<unsigned long long>(rep_->fields, withType(id, kTypeU64)) = value;
+  findOrCreateIn<unsigned long long>(rep_, withType(id, kTypeU64)) = value;
 }
 void message::insert_addr6(uint32_t id, const IPAddr6& value) {
   unique();
-  findOrCreateIn<IPAddr6>(rep_->fields, withType(id, kTypeAddr6)) = value;
+  findOrCreateIn<IPAddr6>(rep_, withType(id, kTypeAddr6)) = value;
 }
 void message::insert_string(uint32_t id, const std::string& value) {
   unique();
-  findOrCreateIn<std::string>(rep_->fields, withType(id, kTypeString)) = value;
+  findOrCreateIn<std::string>(rep_, withType(id, kTypeString)) = value;
 }
 void message::insert_raw(uint32_t id, const Bytes& value) {
   unique();
-  findOrCreateIn<Bytes>(rep_->fields, withType(id, kTypeRaw)) = value;
+  findOrCreateIn<Bytes>(rep_, withType(id, kTypeRaw)) = value;
+}
+void message::insert_string(uint32_t id, std::string&& value) {
+  unique();
+  findOrCreateIn<std::string>(rep_, withType(id, kTypeString)) = std::move(value);
+}
+void message::insert_raw(uint32_t id, Bytes&& value) {
+  unique();
+  findOrCreateIn<Bytes>(rep_, withType(id, kTypeRaw)) = std::move(value);
+}
+void message::insert_message(uint32_t id, flat_message&& value) {
+  unique();
+  findOrCreateIn<flat_message>(rep_, withType(id, kTypeMessage)) = std::move(value);
 }
 void message::insert_message(uint32_t id, const flat_message& value) {
   unique();
-  findOrCreateIn<flat_message>(rep_->fields, withType(id, kTypeMessage)) = value;
+  findOrCreateIn<flat_message>(rep_, withType(id, kTypeMessage)) = value;
 }
 
 unsigned int message::size_field(uint32_t id) const {
-  for (const litem* n = rep_->fields; n != nullptr; n = n->next) {
-    if (n->id == id) return 1;
-  }
-  return 0;
+  return (id & kArrayBit) == 0 && rep_->findNode(id) != nullptr;
 }
 
 // --- arrays ---------------------------------------------------------------------------------
 
 const std::vector<bool>* message::get_bool_array_ref(uint32_t id) const {
-  return findIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool));
+  return findIn<std::vector<bool> >(rep_, arrayOf(id, kTypeBool));
 }
 const std::vector<unsigned int>* message::get_u32_array_ref(uint32_t id) const {
-  return findIn<std::vector<unsigned int> >(rep_->arrays, arrayOf(id, kTypeU32));
+  return findIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32));
 }
 const std::vector<unsigned long long>* message::get_u64_array_ref(uint32_t id) const {
-  return findIn<std::vector<unsigned long long> >(rep_->arrays, arrayOf(id, kTypeU64));
+  return findIn<std::vector<unsigned long long> >(rep_, arrayOf(id, kTypeU64));
 }
 const std::vector<IPAddr6>* message::get_addr6_array_ref(uint32_t id) const {
-  return findIn<std::vector<IPAddr6> >(rep_->arrays, arrayOf(id, kTypeAddr6));
+  return findIn<std::vector<IPAddr6> >(rep_, arrayOf(id, kTypeAddr6));
 }
 const std::vector<std::string>* message::get_string_array_ref(uint32_t id) const {
-  return findIn<std::vector<std::string> >(rep_->arrays, arrayOf(id, kTypeString));
+  return findIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString));
 }
 const std::vector<Bytes>* message::get_raw_array_ref(uint32_t id) const {
-  return findIn<std::vector<Bytes> >(rep_->arrays, arrayOf(id, kTypeRaw));
+  return findIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw));
 }
 const std::vector<flat_message>* message::get_message_array_ref(uint32_t id) const {
-  return findIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage));
+  return findIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage));
 }
 
 std::vector<bool> message::get_bool_array(uint32_t id) const {
@@ -348,63 +399,84 @@ std::vector<flat_message> message::get_message_array(uint32_t id) const {
 
 std::vector<bool>& message::get_bool_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool));
+  return findOrCreateIn<std::vector<bool> >(rep_, arrayOf(id, kTypeBool));
 }
 std::vector<unsigned int>& message::get_u32_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<unsigned int> >(rep_->arrays, arrayOf(id, kTypeU32));
+  return findOrCreateIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32));
 }
 std::vector<unsigned long long>& message::get_u64_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<unsigned long long> >(rep_->arrays, arrayOf(id, kTypeU64));
+  return findOrCreateIn<std::vector<unsigned long long> >(rep_, arrayOf(id, kTypeU64));
 }
 std::vector<IPAddr6>& message::get_addr6_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<IPAddr6> >(rep_->arrays, arrayOf(id, kTypeAddr6));
+  return findOrCreateIn<std::vector<IPAddr6> >(rep_, arrayOf(id, kTypeAddr6));
 }
 std::vector<std::string>& message::get_string_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<std::string> >(rep_->arrays, arrayOf(id, kTypeString));
+  return findOrCreateIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString));
 }
 std::vector<Bytes>& message::get_raw_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<Bytes> >(rep_->arrays, arrayOf(id, kTypeRaw));
+  return findOrCreateIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw));
 }
 std::vector<flat_message>& message::get_message_array_ref(uint32_t id) {
   makeUnshareable();
-  return findOrCreateIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage));
+  return findOrCreateIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage));
+}
+
+std::vector<unsigned int>& message::operator[](u32_array_id id) {
+  unique();
+  return findOrCreateIn<std::vector<unsigned int> >(rep_, id);
 }
 
 void message::insert_bool_array(uint32_t id, const std::vector<bool>& value) {
   unique();
-  findOrCreateIn<std::vector<bool> >(rep_->arrays, arrayOf(id, kTypeBool)) = value;
+  findOrCreateIn<std::vector<bool> >(rep_, arrayOf(id, kTypeBool)) = value;
 }
 void message::insert_u32_array(uint32_t id, const std::vector<unsigned int>& value) {
   unique();
-  findOrCreateIn<std::vector<unsigned int> >(rep_->arrays, arrayOf(id, kTypeU32)) = value;
+  findOrCreateIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32)) = value;
+}
+void message::insert_u32_array(uint32_t id, std::vector<unsigned int>&& value) {
+  unique();
+  findOrCreateIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32)) = std::move(value);
+}
+void message::insert_string_array(uint32_t id, std::vector<std::string>&& value) {
+  unique();
+  findOrCreateIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString)) = std::move(value);
+}
+void message::insert_raw_array(uint32_t id, std::vector<Bytes>&& value) {
+  unique();
+  findOrCreateIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw)) = std::move(value);
+}
+void message::insert_message_array(uint32_t id, std::vector<flat_message>&& value) {
+  unique();
+  findOrCreateIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage)) = std::move(value);
 }
 void message::insert_be32_array(uint32_t id, const std::vector<unsigned int>& value) {
   insert_u32_array(id, swapped(value));
 }
 void message::insert_u64_array(uint32_t id, const std::vector<unsigned long long>& value) {
   unique();
-  findOrCreateIn<std::vector<unsigned long long> >(rep_->arrays, arrayOf(id, kTypeU64)) = value;
+  findOrCreateIn<std::vector<unsigned long long> >(rep_, arrayOf(id, kTypeU64)) = value;
 }
 void message::insert_addr6_array(uint32_t id, const std::vector<IPAddr6>& value) {
   unique();
-  findOrCreateIn<std::vector<IPAddr6> >(rep_->arrays, arrayOf(id, kTypeAddr6)) = value;
+  findOrCreateIn<std::vector<IPAddr6> >(rep_, arrayOf(id, kTypeAddr6)) = value;
 }
 void message::insert_string_array(uint32_t id, const std::vector<std::string>& value) {
   unique();
-  findOrCreateIn<std::vector<std::string> >(rep_->arrays, arrayOf(id, kTypeString)) = value;
+  findOrCreateIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString)) = value;
 }
 void message::insert_raw_array(uint32_t id, const std::vector<Bytes>& value) {
   unique();
-  findOrCreateIn<std::vector<Bytes> >(rep_->arrays, arrayOf(id, kTypeRaw)) = value;
+  findOrCreateIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw)) = value;
 }
 void message::insert_message_array(uint32_t id, const std::vector<flat_message>& value) {
   unique();
-  findOrCreateIn<std::vector<flat_message> >(rep_->arrays, arrayOf(id, kTypeMessage)) = value;
+  findOrCreateIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage)) = value;
 }
 
 unsigned int message::size_bool_array(uint32_t id) const { return countOf(get_bool_array_ref(id)); }
@@ -424,10 +496,7 @@ unsigned int message::size_message_array(uint32_t id) const {
 }
 
 bool message::has_array(uint32_t id) const {
-  for (const litem* n = rep_->arrays; n != nullptr; n = n->next) {
-    if (n->id == id) return true;
-  }
-  return false;
+  return (id & kArrayBit) != 0 && rep_->findNode(id) != nullptr;
 }
 
 }  // namespace kl

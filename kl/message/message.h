@@ -17,7 +17,8 @@
 //
 // Storage: bools and u32 values live in hash tables (one slot per field, no allocation; a
 // message with a single bool keeps it inline), other scalars and arrays in two lists of
-// nodes, newest first. The order of tables and lists is the order of records on the wire.
+// nodes, newest first, found by id through an index once there are many. The order of
+// tables and lists is the order of records on the wire.
 //
 // Reference counts are atomic; everything else is unsynchronised. A handle is not safe for
 // concurrent mutation.
@@ -27,6 +28,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kl/base/ipaddr6.h"
@@ -104,6 +106,10 @@ class message {
   void insert_string(uint32_t id, const std::string& value);
   void insert_raw(uint32_t id, const std::vector<unsigned char>& value);
   void insert_message(uint32_t id, const flat_message& value);
+  // The same, taking over the value's storage instead of copying it.
+  void insert_string(uint32_t id, std::string&& value);
+  void insert_raw(uint32_t id, std::vector<unsigned char>&& value);
+  void insert_message(uint32_t id, flat_message&& value);
 
   // 1 when a u64, addr6, string, message or raw field with exactly this id exists, else 0.
   unsigned int size_field(uint32_t id) const;
@@ -144,6 +150,11 @@ class message {
   void insert_string_array(uint32_t id, const std::vector<std::string>& value);
   void insert_raw_array(uint32_t id, const std::vector<std::vector<unsigned char> >& value);
   void insert_message_array(uint32_t id, const std::vector<flat_message>& value);
+  // The same, taking over the vector's storage instead of copying it.
+  void insert_u32_array(uint32_t id, std::vector<unsigned int>&& value);
+  void insert_string_array(uint32_t id, std::vector<std::string>&& value);
+  void insert_raw_array(uint32_t id, std::vector<std::vector<unsigned char> >&& value);
+  void insert_message_array(uint32_t id, std::vector<flat_message>&& value);
 
   // Element counts, 0 when the array is absent.
   unsigned int size_bool_array(uint32_t id) const;
@@ -164,11 +175,17 @@ class message {
   void insert(u32_array_id id, const std::vector<unsigned int>& value) {
     insert_u32_array(id, value);
   }
+  void insert(u32_array_id id, std::vector<unsigned int>&& value) {
+    insert_u32_array(id, std::move(value));
+  }
   void insert_vector(u32_array_id id, unsigned int value) {  // a one-element array
     insert_u32_array(id, std::vector<unsigned int>(1, value));
   }
   bool has(u32_array_id id) const { return has_array(id); }
-  std::vector<unsigned int>& operator[](u32_array_id id) { return get_u32_array_ref(id); }
+  // The array, created empty when absent. Unshares first but, unlike the non-const
+  // get_*_ref accessors, does not mark the message unshareable: the reference is for an
+  // immediate write, not to be kept across copies.
+  std::vector<unsigned int>& operator[](u32_array_id id);
 
   // --- removal, comparison and merging ---------------------------------------------------
   // Each removal makes the representation private first, even when the field is absent.
@@ -239,9 +256,13 @@ class message {
   struct litem;
 
  private:
+  friend struct MessageDump;  // the dump of nested messages (kl/message/dump.cc)
+
   void makeUnshareable();
-  void dumpTo(std::ostream& out, const char* prefix, unsigned int depth) const;
-  void dumpTo(Dumper& out, const char* prefix, unsigned int depth) const;
+  // `nesting` counts the levels of nested messages above this one in the dump.
+  void dumpTo(std::ostream& out, const char* prefix, unsigned int depth,
+              unsigned int nesting = 0) const;
+  void dumpTo(Dumper& out, const char* prefix, unsigned int depth, unsigned int nesting = 0) const;
 
   Rep* rep_;
 };
@@ -261,5 +282,10 @@ class message::flat_message : public std::vector<unsigned char> {
 };
 
 }  // namespace kl
+
+// Every message carries the header vocabulary (SYS_TO, SYS_CMD, CMD_GETALL ...) and its
+// helpers, so a program that includes this header has them too. Included last: system.h
+// builds on the class above.
+#include "kl/message/system.h"  // IWYU pragma: export
 
 #endif  // KL_MESSAGE_MESSAGE_H_

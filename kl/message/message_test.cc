@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "kl/base/endian.h"
+#include "kl/message/htable.h"
 #include "kl/message/system.h"
 
 namespace kl {
@@ -135,6 +137,80 @@ TEST(Message, OneBoolStaysInlineAndASecondMovesBothIntoATable) {
   EXPECT_EQ(m.size_bool(3), 1u);
 }
 
+// The ids of the records of a message that holds only bools and u32 values below 256, in
+// wire order.
+std::vector<uint32_t> recordIds(const message& m) {
+  Bytes bytes;
+  m.flatten(bytes);
+  std::vector<uint32_t> ids;
+  for (size_t off = 2; off + 4 <= bytes.size();) {
+    const uint32_t word = loadLe32(&bytes[off]);
+    ids.push_back(word & ~kWireFlagBit);
+    off += (word & kTypeMask) == kTypeU32 ? 5 : 4;
+  }
+  return ids;
+}
+
+// Overwriting a field when its table is at the growth threshold grows the table, whichever
+// way the value arrives, for bools as for u32 values: the record order shows the capacity.
+TEST(Message, OverwriteAtTheGrowthThresholdGrowsBoolAndU32Tables) {
+  enum Path { kInsert, kDecode, kMerge };
+  struct Case {
+    const char* name;
+    uint32_t type;
+    Path path;
+  };
+  const Case cases[] = {
+      {"bool insert", kTypeBool, kInsert}, {"bool decode", kTypeBool, kDecode},
+      {"bool merge", kTypeBool, kMerge},   {"u32 insert", kTypeU32, kInsert},
+      {"u32 decode", kTypeU32, kDecode},   {"u32 merge", kTypeU32, kMerge},
+  };
+  const uint32_t numbers[] = {10, 21, 1, 2, 3};  // 10 and 21 share a slot in 11, not in 22
+  const uint32_t again = 21;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    htable<unsigned int> model;  // five entries, then the overwrite
+    for (uint32_t n : numbers) model.get_ref(c.type | n) = 1;
+    model.get_ref(c.type | again) = 0;
+    std::vector<uint32_t> expected;
+    model.forEach([&expected](uint32_t id, unsigned int) { expected.push_back(id); });
+    ASSERT_EQ(model.capacity(), 22u);
+
+    auto put = [&c](message& m, uint32_t n, unsigned int v) {
+      if (c.type == kTypeBool) {
+        m.insert_bool(n, v != 0);
+      } else {
+        m.insert_u32(n, v);
+      }
+    };
+    message m;
+    if (c.path == kDecode) {
+      Bytes wire = {0x4D, 0x32};
+      auto record = [&wire, &c](uint32_t n, unsigned int v) {
+        const uint32_t word = c.type | n | (c.type == kTypeBool && v == 0 ? 0 : kWireFlagBit);
+        unsigned char b[4];
+        storeLe32(b, word);
+        wire.insert(wire.end(), b, b + 4);
+        if (c.type == kTypeU32) wire.push_back(static_cast<unsigned char>(v));
+      };
+      for (uint32_t n : numbers) record(n, 1);
+      record(again, 0);
+      ASSERT_TRUE(m.unflatten(wire.data(), wire.size(), message::flatten_full));
+    } else {
+      for (uint32_t n : numbers) put(m, n, 1);
+      if (c.path == kInsert) {
+        put(m, again, 0);
+      } else {
+        message other;
+        put(other, again, 0);
+        m.merge(other);
+      }
+    }
+    EXPECT_EQ(recordIds(m), expected);
+    EXPECT_EQ(c.type == kTypeBool ? m.get_bool(again, true) : m.get_u32(again, 9) != 0, false);
+  }
+}
+
 TEST(Message, CopiesShareUntilAWrite) {
   message a;
   a.insert(SYS_CMD, 1);
@@ -191,6 +267,25 @@ TEST(Message, MutableReferenceMakesTheMessageUnshareable) {
   message c;
   c = a;
   EXPECT_FALSE(c.same_rep(a));
+}
+
+// operator[] unshares like any mutation but, unlike the get_*_ref accessors, hands out no
+// lasting permission to write: a later copy shares and keeps the list order.
+TEST(Message, BracketArrayAccessLeavesTheMessageShareable) {
+  message a;
+  a.insert_string(1, "one");
+  a.insert_string(2, "two");
+  message before = a;
+  a[u32_array_id(5)].push_back(7);
+  EXPECT_FALSE(a.same_rep(before));
+  EXPECT_TRUE(before.get_u32_array(5).empty());
+  message b = a;
+  EXPECT_TRUE(b.same_rep(a));
+  Bytes wireA, wireB;
+  a.flatten(wireA);
+  b.flatten(wireB);
+  EXPECT_EQ(wireA, wireB);
+  EXPECT_EQ(b.get_u32_array(5), std::vector<unsigned int>{7});
 }
 
 TEST(Message, MutableReferencesCreateZeroValues) {

@@ -8,19 +8,28 @@
 // arrays, the single inline bool, the flat side buffer of the pass-through decode mode, the
 // reference count and the unshareable flag. Lists run newest first. A list node's value
 // type follows from its id's type bits, which the accessors always force, so a node can be
-// cast to its item<V> by its id alone.
+// cast to its item<V> by its id alone. Field ids never carry the array bit and array ids
+// always do, so an id alone also tells which list holds it.
+//
+// Two additions serve speed and change no order: once the lists hold more than kIndexFrom
+// nodes, an index by id finds a node without walking its list (decode, comparison and
+// merge stay linear in the number of fields); and the first nodes are placed in a pool
+// allocated with the Rep itself, so that a typical message costs one allocation, not one
+// per field.
 #ifndef KL_MESSAGE_REP_H_
 #define KL_MESSAGE_REP_H_
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 #include "kl/message/htable.h"
 #include "kl/message/message.h"
+#include "kl/message/node_index.h"
 
 namespace kl {
 
@@ -39,11 +48,20 @@ struct item : message::litem {
 
 constexpr uint32_t kNoBool = 0xFFFFFFFFu;
 
-struct message::Rep {
+struct alignas(8) message::Rep {  // 8: the node pool follows it
+  // The representation that every default-constructed message shares: no node pool.
   constexpr Rep() = default;
+  // A representation with `pool` bytes of node pool after it (see create()).
+  explicit Rep(uint32_t pool) : u32s(htable<unsigned int>::kUninitialized), poolSize(pool) {}
   Rep(const Rep&) = delete;
   Rep& operator=(const Rep&) = delete;
   ~Rep();
+
+  // A new, empty representation, allocated together with its node pool: the first list
+  // nodes live in the same allocation as the Rep, so that a typical message costs one
+  // allocation. Free it with destroy().
+  static Rep* create();
+  static void destroy(Rep* rep);
 
   std::unique_ptr<htable<bool> > bools;
   htable<unsigned int> u32s;
@@ -54,15 +72,92 @@ struct message::Rep {
   std::unique_ptr<Bytes> flatSide;
   std::atomic<uint32_t> refs{1};
   bool unshareable = false;
+  // Nodes in both lists; once there are more than kIndexFrom, `index` finds them by id.
+  uint32_t nodeCount = 0;
+  NodeIndex<litem> index;
+  // The node pool: poolSize bytes right after the Rep, of which poolUsed are handed out.
+  // Pool space is not reused when its node is freed; the whole pool goes with the Rep.
+  uint32_t poolSize = 0;
+  uint32_t poolUsed = 0;
+
+  static constexpr uint32_t kIndexFrom = 12;
+  static constexpr uint32_t kPoolSize = 192;
 
   // The bool slot of `id`, created false when absent. The first bool lives inline; a second
   // distinct id moves both into the table, where every bool stays from then on.
   bool& boolRef(uint32_t id);
+  // Stores a bool as insert, decode and merge do: once the table is in use, its growth rule
+  // applies before the lookup, as it does for u32 values, so overwriting an existing id at
+  // the threshold grows the table too.
+  void setBool(uint32_t id, bool value);
 
   unsigned int boolCount() const {
     if (bools) return bools->count();
     return singleBoolId != kNoBool ? 1 : 0;
   }
+
+  // The list that holds `id`: arrays for ids with the array bit, fields for the others.
+  litem*& listOf(uint32_t id) { return (id & kArrayBit) != 0 ? arrays : fields; }
+  const litem* listOf(uint32_t id) const { return (id & kArrayBit) != 0 ? arrays : fields; }
+
+  // The node with exactly `id`, or null.
+  const litem* findNode(uint32_t id) const {
+    if (index.active()) return index.find(id);
+    for (const litem* node = listOf(id); node != nullptr; node = node->next) {
+      if (node->id == id) return node;
+    }
+    return nullptr;
+  }
+
+  // A new node for `id` holding a zero or empty V, not yet linked.
+  template <class V>
+  item<V>* newItem(uint32_t id) {
+    constexpr uint32_t size = (sizeof(item<V>) + 7) & ~7u;
+    static_assert(alignof(item<V>) <= 8, "pool nodes are 8-byte aligned");
+    item<V>* node;
+    if (poolUsed + size <= poolSize) {
+      node = new (pool() + poolUsed) item<V>();
+      poolUsed += size;
+    } else {
+      node = new item<V>();
+    }
+    node->id = id;
+    return node;
+  }
+
+  // Links `node` at the head of its list and indexes it.
+  void link(litem* node) {
+    litem*& head = listOf(node->id);
+    node->next = head;
+    head = node;
+    ++nodeCount;
+    if (index.active()) {
+      index.insert(node);
+    } else if (nodeCount > kIndexFrom) {
+      buildIndex();
+    }
+  }
+
+  // Unlinks the node that *link points at and frees it.
+  void unlink(litem** link) {
+    litem* node = *link;
+    *link = node->next;
+    --nodeCount;
+    if (index.active()) index.erase(node->id);
+    freeNode(node);
+  }
+
+  // Destroys a node, returning its memory unless it lies in the pool.
+  void freeNode(litem* node);
+
+ private:
+  unsigned char* pool() { return reinterpret_cast<unsigned char*>(this + 1); }
+  bool inPool(const void* p) const {
+    const unsigned char* base = reinterpret_cast<const unsigned char*>(this + 1);
+    const unsigned char* q = static_cast<const unsigned char*>(p);
+    return q >= base && q < base + poolSize;
+  }
+  void buildIndex();
 };
 
 // The value type of each type code, for scalars (Scalar) and arrays (Array).
@@ -158,24 +253,21 @@ void forEachBoolOf(const message::Rep* r, F&& f) {
   }
 }
 
-// The value of the first node of the list with exactly `id`, or null.
+// The value of the node with exactly `id`, or null. REQUIRES: V is the value type of
+// `id`'s type bits.
 template <class V>
-const V* findIn(const message::litem* node, uint32_t id) {
-  for (; node != nullptr; node = node->next) {
-    if (node->id == id) return &static_cast<const item<V>*>(node)->value;
-  }
-  return nullptr;
+const V* findIn(const message::Rep* r, uint32_t id) {
+  const message::litem* node = r->findNode(id);
+  return node != nullptr ? &static_cast<const item<V>*>(node)->value : nullptr;
 }
 
-// The value of the node with `id`, created (zero or empty) at the head of the list when
+// The value of the node with `id`, created (zero or empty) at the head of its list when
 // absent. REQUIRES: V is the value type of `id`'s type bits.
 template <class V>
-V& findOrCreateIn(message::litem*& head, uint32_t id) {
-  if (const V* found = findIn<V>(head, id)) return *const_cast<V*>(found);
-  item<V>* node = new item<V>();
-  node->id = id;
-  node->next = head;
-  head = node;
+V& findOrCreateIn(message::Rep* r, uint32_t id) {
+  if (const V* found = findIn<V>(r, id)) return *const_cast<V*>(found);
+  item<V>* node = r->newItem<V>(id);
+  r->link(node);
   return node->value;
 }
 

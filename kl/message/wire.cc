@@ -294,7 +294,7 @@ bool decodeBlob(message::Rep* r, Cursor& c, uint32_t id, bool shortForm) {
   const unsigned char* data;
   unsigned int n;
   if (!c.span(shortForm, &data, &n)) return false;
-  assignBytes(&findOrCreateIn<Blob>(r->fields, id), data, n);
+  assignBytes(&findOrCreateIn<Blob>(r, id), data, n);
   return true;
 }
 
@@ -302,7 +302,7 @@ template <class E>
 bool decodeElements(message::Rep* r, Cursor& c, uint32_t id, unsigned int count) {
   std::vector<E> values;
   if (!getElements(c, count, &values)) return false;
-  findOrCreateIn<std::vector<E> >(r->arrays, id).swap(values);
+  findOrCreateIn<std::vector<E> >(r, id).swap(values);
   return true;
 }
 
@@ -318,7 +318,7 @@ bool decodeRecord(message::Rep* r, Cursor& c, uint32_t word) {
   const bool flag = (word & kWireFlagBit) != 0;
   switch (word & kTypeMask) {
     case kTypeBool:
-      r->boolRef(id) = flag;
+      r->setBool(id, flag);
       return true;
     case kTypeU32: {
       unsigned int v;
@@ -329,13 +329,13 @@ bool decodeRecord(message::Rep* r, Cursor& c, uint32_t word) {
     case kTypeU64: {
       unsigned long long v;
       if (!c.u64(&v)) return false;
-      findOrCreateIn<unsigned long long>(r->fields, id) = v;
+      findOrCreateIn<unsigned long long>(r, id) = v;
       return true;
     }
     case kTypeAddr6: {
       IPAddr6 v;
       if (!c.bytes(v.bytes, 16)) return false;
-      findOrCreateIn<IPAddr6>(r->fields, id) = v;
+      findOrCreateIn<IPAddr6>(r, id) = v;
       return true;
     }
     case kTypeString:
@@ -398,7 +398,7 @@ bool decodeOldItem(message::Rep* r, Cursor& c, unsigned int type, uint32_t numbe
     case wire::kOldBool: {
       unsigned int b;
       if (!c.u8(&b)) return false;
-      r->boolRef(number | kTypeBool) = b != 0;
+      r->setBool(number | kTypeBool, b != 0);
       return true;
     }
     case wire::kOldU32: {
@@ -412,7 +412,7 @@ bool decodeOldItem(message::Rep* r, Cursor& c, unsigned int type, uint32_t numbe
       std::string s;
       if (!c.block(&s, false)) return false;
       if (!s.empty()) s.pop_back();
-      findOrCreateIn<std::string>(r->fields, number | kTypeString) = std::move(s);
+      findOrCreateIn<std::string>(r, number | kTypeString) = std::move(s);
       return true;
     }
     case wire::kOldRaw:
