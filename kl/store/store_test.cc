@@ -103,6 +103,38 @@ TEST_F(StoreTest, GoldenBytesOfOneRecord) {
       "62");
 }
 
+// The bytes of both files after a fixed mix of every kind of write: appends, a rewrite in
+// place, a message outgrowing its extent, removals, reuse of freed extents (whole, with the
+// slack of their earlier record), touch and age. Any change to the order or the content of
+// the writes must leave these bytes as they are.
+TEST_F(StoreTest, GoldenBytesAfterAMixOfOperations) {
+  std::string err;
+  {
+    std::unique_ptr<Store> s = openQuietly(&err, 4);
+    s->set(1, sized(1, 30));
+    s->set(2, sized(2, 40));
+    s->set(3, sized(3, 20));
+    s->set(2, sized(4, 25));  // fits: rewritten in place, slack left behind
+    s->set(1, sized(5, 50));  // outgrows: slot 0 freed, appended
+    s->remove(3);
+    s->set(6, sized(6, 18));  // reuses 3's extent
+    s->set(7, sized(7, 22));  // reuses 1's old extent (the only free one left)
+    s->touch(2, 9);
+    s->age();
+  }
+  EXPECT_EQ(toHex(file(".idx")),
+            "07 00 00 00 1C 00 00 00 03 00 00 00 "
+            "02 00 00 00 26 00 00 00 08 00 00 00 "
+            "06 00 00 00 12 00 00 00 03 00 00 00 "
+            "01 00 00 00 30 00 00 00 03 00 00 00");
+  EXPECT_EQ(toHex(file(".dat")),
+            "14 00 4D 32 01 00 FE 09 07 09 00 FE 21 06 68 68 68 68 68 68 62 62 62 62 62 62 62 62 "
+            "17 00 4D 32 01 00 FE 09 04 09 00 FE 21 09 65 65 65 65 65 65 65 65 65 63 63 63 63 63 "
+            "63 63 63 63 63 63 63 63 63 63 10 00 4D 32 01 00 FE 09 06 09 00 FE 21 02 67 67 64 64 "
+            "30 00 4D 32 01 00 FE 09 05 09 00 FE 21 22 66 66 66 66 66 66 66 66 66 66 66 66 66 66 "
+            "66 66 66 66 66 66 66 66 66 66 66 66 66 66 66 66 66 66 66 66");
+}
+
 TEST_F(StoreTest, ReopenReturnsTheSameMessages) {
   std::string err;
   {
