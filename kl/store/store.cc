@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <iostream>
@@ -267,13 +268,16 @@ message Store::readMsg(unsigned offset) {
   return message(data + offset + kRecordHeaderSize, length - kRecordHeaderSize);
 }
 
-// `record` holds the 2-byte header's room and then the message; one write puts both.
-bool Store::writeMsg(unsigned offset, std::vector<unsigned char>& record) {
+// The header and the message go out in one system call.
+bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
   Lock lock(*this);
   if (!openData()) return false;
-  storeLe16(record.data(), static_cast<uint16_t>(record.size()));
-  const ssize_t n = pwrite(datFd_, record.data(), record.size(), offset);
-  if (n != static_cast<ssize_t>(record.size())) {
+  unsigned char header[kRecordHeaderSize];
+  storeLe16(header, static_cast<uint16_t>(bytes.size() + kRecordHeaderSize));
+  struct iovec parts[2] = {{header, kRecordHeaderSize},
+                           {const_cast<unsigned char*>(bytes.data()), bytes.size()}};
+  const ssize_t n = pwritev(datFd_, parts, 2, offset);
+  if (n != static_cast<ssize_t>(kRecordHeaderSize + bytes.size())) {
     report(n < 0                                         ? "writeMsg lseek failed"
            : n < static_cast<ssize_t>(kRecordHeaderSize) ? "writeMsg write header failed"
                                                          : "writeMsg write failed");
@@ -325,16 +329,14 @@ void Store::place(Entry& e, unsigned needed) {
 }
 
 void Store::set(unsigned id, const message& m) {
-  std::vector<unsigned char> record(kRecordHeaderSize + m.max_length());
-  unsigned length = record.size() - kRecordHeaderSize;
-  m.flatten(record.data() + kRecordHeaderSize, &length);
-  record.resize(kRecordHeaderSize + length);
-  const unsigned needed = static_cast<unsigned>(record.size());
+  std::vector<unsigned char> bytes;
+  m.flatten(bytes);
+  const unsigned needed = static_cast<unsigned>(bytes.size()) + kRecordHeaderSize;
   Lock lock(*this);  // one lock over the slot and the record
   auto it = entries_.find(id);
   if (it != entries_.end()) {
     if (it->second.length >= needed) {
-      writeMsg(it->second.offset, record);  // the slot already describes the extent
+      writeMsg(it->second.offset, bytes);  // the slot already describes the extent
       return;
     }
     freeExtent(it->second, false);
@@ -343,7 +345,7 @@ void Store::set(unsigned id, const message& m) {
   }
   Entry& entry = it->second;
   place(entry, needed);
-  if (writeIndexent(id, entry) && writeMsg(entry.offset, record)) {
+  if (writeIndexent(id, entry) && writeMsg(entry.offset, bytes)) {
     checkForBloat();
     return;
   }

@@ -87,15 +87,29 @@ class Store {
   // Unlinks the store's files; the open descriptors and in-memory state stay.
   void deleteFiles();
 
- private:
-  bool bloated() const;
+  // --- the steps the operations above are made of ----------------------------------------
+  // Clears the in-memory state (entries, free list, counters); the files stay as they are.
   void cleanup();
+  // Open the index or the data file unless it is open; false (after its "STORE: " line)
+  // when the file cannot be opened. Neither creates a file.
   bool openIdx();
   bool openData();
+  // Close the file if it is open.
   void closeIdx();
   void closeData();
+  // The message of the record at `offset` in the data file; an empty message, after a
+  // "STORE: readMsg ..." line, when the record cannot be read. Never reads outside the file,
+  // even one that shrank since it was opened.
   message readMsg(unsigned offset);
-  bool writeMsg(unsigned offset, std::vector<unsigned char>& record);
+  // Writes a record at `offset`: the 2-byte record length (bytes.size() + 2, modulo 65536),
+  // then `bytes`, the message in its wire form. False after a "STORE: writeMsg ..." line.
+  bool writeMsg(unsigned offset, const std::vector<unsigned char>& bytes);
+  // Writes the slot e.slot with id, e.length and e.age. False after a "STORE: writeIndexent
+  // ..." line.
+  bool writeIndexent(unsigned id, Entry& e);
+
+ private:
+  bool bloated() const;
   const unsigned char* mapData(unsigned long long end);
   void unmapData();
 
@@ -110,7 +124,6 @@ class Store {
    private:
     Store& store_;
   };
-  bool writeIndexent(unsigned id, Entry& e);
   void freeExtent(const Entry& e, bool atFront);
   void place(Entry& e, unsigned needed);
   bool copyLiveSlots(int oldIdx, int oldDat, bool swapped);

@@ -11,6 +11,7 @@
 #include <memory>
 #include <random>
 #include <sstream>
+#include <type_traits>
 
 #include "kl/base/clock.h"
 #include "kl/base/endian.h"
@@ -150,6 +151,41 @@ TEST_F(StoreTest, ReopenReturnsTheSameMessages) {
   EXPECT_TRUE(s->get(500) == sized(5, 200));
   EXPECT_TRUE(s->get(42).empty());
   EXPECT_EQ(slots().size(), 5u);
+}
+
+// The steps the operations are made of are public, with these signatures, for services that
+// build their own operations from them.
+static_assert(std::is_same<decltype(&Store::writeMsg),
+                           bool (Store::*)(unsigned, const std::vector<unsigned char>&)>::value,
+              "writeMsg(offset, bytes)");
+static_assert(std::is_same<decltype(&Store::readMsg), message (Store::*)(unsigned)>::value,
+              "readMsg(offset)");
+static_assert(
+    std::is_same<decltype(&Store::writeIndexent), bool (Store::*)(unsigned, Store::Entry&)>::value,
+    "writeIndexent(id, entry)");
+
+TEST_F(StoreTest, TheStepsWorkOnTheirOwn) {
+  std::string err;
+  std::unique_ptr<Store> s = openQuietly(&err);
+  const message m = sized(3, 30);
+  Bytes bytes;
+  m.flatten(bytes);
+  ASSERT_TRUE(s->writeMsg(0, bytes));
+  const Bytes dat = file(".dat");
+  ASSERT_EQ(dat.size(), bytes.size() + 2);
+  EXPECT_EQ(loadLe16(&dat[0]), bytes.size() + 2);
+  EXPECT_TRUE(s->readMsg(0) == m);
+  Store::Entry e{0, static_cast<unsigned>(dat.size()), 0, 6};
+  ASSERT_TRUE(s->writeIndexent(9, e));
+  EXPECT_EQ(slots(), (std::vector<std::vector<uint32_t> >{{9, e.length, 6}}));
+  s->closeIdx();
+  s->closeData();
+  EXPECT_TRUE(s->openIdx());
+  EXPECT_TRUE(s->openData());
+  s->cleanup();
+  EXPECT_TRUE(s->ids().empty());
+  EXPECT_TRUE(s->readIndex(false));
+  EXPECT_TRUE(s->get(9) == m);
 }
 
 TEST_F(StoreTest, ShorterReplacementKeepsTheExtentLongerOneMoves) {
