@@ -1,11 +1,11 @@
 #include "kl/store/store.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <iostream>
 
 #include "kl/store/store_format.h"
@@ -53,6 +53,11 @@ bool setRecordLock(int fd, short type) {
   lock.l_type = type;
   lock.l_whence = SEEK_SET;  // start 0, length 0: the whole file
   return fcntl(fd, F_SETLKW, &lock) != -1;
+}
+
+// Whether a failed pread or pwrite failed at its position (what a seek would have reported).
+bool positionRejected(int err) {
+  return err == EBADF || err == EINVAL || err == EOVERFLOW || err == ESPIPE;
 }
 
 void closeIfOpen(int& fd) {
@@ -128,10 +133,7 @@ bool Store::openData() {
 }
 
 void Store::closeIdx() { closeIfOpen(idxFd_); }
-void Store::closeData() {
-  unmapData();
-  closeIfOpen(datFd_);
-}
+void Store::closeData() { closeIfOpen(datFd_); }
 
 void Store::cleanup() {
   entries_.clear();
@@ -224,49 +226,43 @@ bool Store::writeIndexent(unsigned id, Entry& e) {
 
 // --- records --------------------------------------------------------------------------------
 
-// Records are read through a read-only shared mapping of the data file, kept while the file
-// stays open and widened when the file has grown: a get is a bounds check and a decode,
-// without a system call. Writes go through the descriptor; the page cache keeps both views
-// the same.
-const unsigned char* Store::mapData(unsigned long long end) {
-  if (end <= mapSize_) return static_cast<const unsigned char*>(map_);
-  unmapData();
-  struct stat st;
-  if (!openData() || fstat(datFd_, &st) != 0 || static_cast<unsigned long long>(st.st_size) < end) {
-    return nullptr;
-  }
-  void* map = mmap(nullptr, st.st_size, PROT_READ, MAP_SHARED, datFd_, 0);
-  if (map == MAP_FAILED) return nullptr;
-  map_ = map;
-  mapSize_ = st.st_size;
-  return static_cast<const unsigned char*>(map_);
-}
-
-void Store::unmapData() {
-  if (map_ != nullptr) munmap(map_, mapSize_);
-  map_ = nullptr;
-  mapSize_ = 0;
-}
-
-message Store::readMsg(unsigned offset) {
-  const unsigned long long headerEnd = 0ull + offset + kRecordHeaderSize;
-  const unsigned char* data = mapData(headerEnd);
-  if (data == nullptr) {
-    report(datFd_ < 0 ? "readMsg lseek failed" : "readMsg read header failed");
+// Records are read with pread into a buffer kept for the next read, never through a mapping:
+// a data file that shrinks underneath the store (another process, a full or failing flash)
+// must give a short read and a line, not a fault. `hint` is the most the record can need
+// (its extent's length), so that the usual record takes a single system call.
+message Store::readRecord(unsigned offset, unsigned hint) {
+  openData();  // a closed file makes the read fail below, with its own line
+  if (datFd_ < 0) {
+    report("readMsg lseek failed");
     return message();
   }
-  const unsigned length = loadLe16(data + offset);
+  readBuffer_.resize(hint < kRecordHeaderSize ? kRecordHeaderSize : hint);
+  ssize_t n = pread(datFd_, readBuffer_.data(), readBuffer_.size(), offset);
+  if (n < 0 && positionRejected(errno)) {
+    report("readMsg lseek failed");
+    return message();
+  }
+  if (n < static_cast<ssize_t>(kRecordHeaderSize)) {
+    report("readMsg read header failed");
+    return message();
+  }
+  const unsigned length = loadLe16(readBuffer_.data());
   if (length < kRecordHeaderSize) {
     std::cerr << "STORE: readMsg invalid header: msg len " << length << std::endl;
     return message();
   }
-  data = mapData(0ull + offset + length);
-  if (data == nullptr) {
-    report("readMsg read failed");
-    return message();
+  if (n < static_cast<ssize_t>(length)) {
+    readBuffer_.resize(length);
+    const ssize_t more = pread(datFd_, readBuffer_.data() + n, length - n, 0ull + offset + n);
+    if (more != static_cast<ssize_t>(length) - n) {
+      report("readMsg read failed");
+      return message();
+    }
   }
-  return message(data + offset + kRecordHeaderSize, length - kRecordHeaderSize);
+  return message(readBuffer_.data() + kRecordHeaderSize, length - kRecordHeaderSize);
 }
+
+message Store::readMsg(unsigned offset) { return readRecord(offset, kReadAhead); }
 
 // The header and the message go out in one system call.
 bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
@@ -291,7 +287,7 @@ bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
 
 message Store::get(unsigned id) {
   auto it = entries_.find(id);
-  return it == entries_.end() ? message() : readMsg(it->second.offset);
+  return it == entries_.end() ? message() : readRecord(it->second.offset, it->second.length);
 }
 
 // Marks e's slot free and lists its extent: at the front for a removal (the most recently
@@ -449,7 +445,6 @@ void Store::compact(bool swapped) {
     unlink(newDat.c_str());
     return;
   }
-  unmapData();
   idxFd_ = idx;
   datFd_ = dat;
   const bool done = copyLiveSlots(oldIdx, oldDat, swapped) && fsync(idx) == 0 && fsync(dat) == 0 &&

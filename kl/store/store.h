@@ -109,9 +109,11 @@ class Store {
   bool writeIndexent(unsigned id, Entry& e);
 
  private:
+  // What readMsg reads at once: most records need a single read.
+  static constexpr unsigned kReadAhead = 512;
+
   bool bloated() const;
-  const unsigned char* mapData(unsigned long long end);
-  void unmapData();
+  message readRecord(unsigned offset, unsigned hint);
 
   // The inter-process write lock over <path>.lock, taken once however deeply nested.
   class Lock {
@@ -142,8 +144,7 @@ class Store {
   TimerPtr flushTimer_;
   int lockFd_ = -1;
   int lockDepth_ = 0;
-  void* map_ = nullptr;  // read-only view of the data file
-  unsigned long long mapSize_ = 0;
+  std::vector<unsigned char> readBuffer_;  // kept between reads
 };
 
 }  // namespace kl

@@ -348,6 +348,45 @@ TEST_F(StoreTest, UnreadableRecordGivesAnEmptyMessage) {
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "STORE: readMsg invalid header: msg len 1\n");
 }
 
+// Another process (or a full flash) shrinks the data file while the store is open: a get of
+// a record that now lies past the end yields an empty message and a line, and never faults.
+TEST_F(StoreTest, DataFileShrunkUnderneathGivesEmptyMessages) {
+  struct Case {
+    const char* name;
+    off_t keep;  // bytes of the data file left, counted from the start of id 3's record
+    const char* line;
+  };
+  const Case cases[] = {
+      {"record gone", 0, "STORE: readMsg read header failed\n"},
+      {"one byte of the header left", 1, "STORE: readMsg read header failed\n"},
+      {"the header left", 2, "STORE: readMsg read failed\n"},
+      {"half the message left", 20, "STORE: readMsg read failed\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string errFile = root_ + "/err";
+    const int result = inChild([&]() {
+      std::string err;
+      std::unique_ptr<Store> s = openQuietly(&err);
+      for (unsigned id = 1; id <= 3; ++id) s->set(id, sized(id, 5000));
+      if (!(s->get(3) == sized(3, 5000))) return false;  // read once before it shrinks
+      const off_t start = 2 * static_cast<off_t>(file(".dat").size() / 3);
+      if (truncate((base() + ".dat").c_str(), start + c.keep) != 0) return false;
+      fflush(stderr);
+      const int fd = ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      dup2(fd, 2);
+      const bool empty = s->get(3).empty();
+      const bool others = s->get(1) == sized(1, 5000);
+      fflush(stderr);
+      return empty && others;
+    });
+    EXPECT_EQ(result, 0) << "2 + the signal it died of, when it did";
+    std::ifstream in(errFile);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()),
+              c.line);
+  }
+}
+
 // One process holds the lock while another waits for it.
 TEST_F(StoreTest, WlockExcludesOtherProcesses) {
   int ready[2];
