@@ -217,7 +217,8 @@ bool Store::writeIndexent(unsigned id, Entry& e) {
   storefmt::storeSlot(raw, storefmt::Slot{id, e.length, e.age});
   if (pwrite(idxFd_, raw, kSlotSize, static_cast<off_t>(e.slot) * kSlotSize) !=
       static_cast<ssize_t>(kSlotSize)) {
-    report(idxFd_ < 0 ? "writeIndexent lseek failed" : "writeIndexent write failed");
+    report(idxFd_ < 0 || positionRejected(errno) ? "writeIndexent lseek failed"
+                                                 : "writeIndexent write failed");
     return false;
   }
   flush();
@@ -274,7 +275,8 @@ bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
                            {const_cast<unsigned char*>(bytes.data()), bytes.size()}};
   const ssize_t n = pwritev(datFd_, parts, 2, offset);
   if (n != static_cast<ssize_t>(kRecordHeaderSize + bytes.size())) {
-    report(n < 0                                         ? "writeMsg lseek failed"
+    // The line names the step that failed: positioning, the header, or the message.
+    report(n < 0 && positionRejected(errno)              ? "writeMsg lseek failed"
            : n < static_cast<ssize_t>(kRecordHeaderSize) ? "writeMsg write header failed"
                                                          : "writeMsg write failed");
     return false;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -346,6 +347,47 @@ TEST_F(StoreTest, UnreadableRecordGivesAnEmptyMessage) {
   ::testing::internal::CaptureStderr();
   EXPECT_TRUE(s->get(1).empty());
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "STORE: readMsg invalid header: msg len 1\n");
+}
+
+// A write that fails (here at the file-size limit, as on a full flash) is reported by the
+// step that failed: nothing written, the header written but not the whole message.
+TEST_F(StoreTest, AFailedRecordWriteNamesTheStepThatFailed) {
+  struct Case {
+    const char* name;
+    rlim_t limit;  // the largest file the process may write
+    const char* lines;
+  };
+  const Case cases[] = {
+      {"nothing written", 0, "STORE: writeMsg write header failed\n"},
+      {"one byte written", 1, "STORE: writeMsg write header failed\n"},
+      {"header written", 2, "STORE: writeMsg write failed\n"},
+      {"part of the message written", 10, "STORE: writeMsg write failed\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    int errPipe[2];  // the limit applies to files, so the error stream goes to a pipe
+    ASSERT_EQ(pipe(errPipe), 0);
+    const int result = inChild([&]() {
+      std::string err;
+      std::unique_ptr<Store> s = openQuietly(&err);
+      Bytes bytes;
+      sized(1, 40).flatten(bytes);
+      signal(SIGXFSZ, SIG_IGN);
+      const struct rlimit limit = {c.limit, c.limit};
+      if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return false;
+      fflush(stderr);
+      dup2(errPipe[1], 2);
+      const bool written = s->writeMsg(0, bytes);
+      fflush(stderr);
+      return !written;
+    });
+    EXPECT_EQ(result, 0);
+    close(errPipe[1]);
+    char text[256];
+    const ssize_t n = read(errPipe[0], text, sizeof text);
+    close(errPipe[0]);
+    EXPECT_EQ(std::string(text, n > 0 ? n : 0), c.lines);
+  }
 }
 
 // Another process (or a full flash) shrinks the data file while the store is open: a get of
