@@ -370,15 +370,18 @@ void Store::touch(unsigned id, unsigned age) {
   writeIndexent(id, it->second);
 }
 
+// The walk goes on from the id after the current one rather than from an iterator: a
+// removal may compact the store, and a compaction that fails may clear the whole map.
 void Store::age() {
   for (auto it = entries_.begin(); it != entries_.end();) {
-    auto current = it++;
-    if (current->second.age > 1) {
-      --current->second.age;
-      writeIndexent(current->first, current->second);
+    const unsigned id = it->first;
+    if (it->second.age > 1) {
+      --it->second.age;
+      writeIndexent(id, it->second);
     } else {
-      remove(current->first);
+      remove(id);
     }
+    it = entries_.upper_bound(id);
   }
 }
 

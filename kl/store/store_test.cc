@@ -336,6 +336,28 @@ TEST_F(StoreTest, AgeingRemovesAtOneAndBelow) {
   EXPECT_TRUE(s->ids().empty());
 }
 
+// Ageing removes enough to compact the store at once (no runner), and the compaction fails:
+// its new data file cannot take the old one's name, which is a directory now. Ageing must
+// walk on safely over whatever the failed compaction left.
+TEST_F(StoreTest, AgeingSurvivesAFailedCompaction) {
+  std::string err;
+  std::unique_ptr<Store> s = openQuietly(&err);
+  for (unsigned id = 1; id <= 20; ++id) {
+    s->set(id, sized(id, 100));
+    s->touch(id, id <= 10 ? 1 : 5);
+  }
+  ASSERT_TRUE(s->get(20) == sized(20, 100));  // the data file is open
+  ASSERT_EQ(unlink((base() + ".dat").c_str()), 0);
+  ASSERT_EQ(mkdir((base() + ".dat").c_str(), 0700), 0);
+  ::testing::internal::CaptureStderr();
+  s->age();
+  err = ::testing::internal::GetCapturedStderr();
+  for (unsigned id : s->ids()) {
+    EXPECT_GT(id, 10u);
+    EXPECT_TRUE(s->get(id) == sized(id, 100)) << id;
+  }
+}
+
 TEST_F(StoreTest, UnreadableRecordGivesAnEmptyMessage) {
   std::string err;
   std::unique_ptr<Store> s = openQuietly(&err);
