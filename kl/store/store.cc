@@ -202,8 +202,9 @@ bool Store::readIndex(bool swapped) {
     return false;
   }
   if (static_cast<unsigned long long>(st.st_size) == dataSize_) {
-    if (swapped) compact(true);  // rewrites both files little-endian
-    return true;
+    // Rewrites both files little-endian. Should that fail, the store must not go on
+    // writing little-endian slots into big-endian files.
+    return !swapped || rewrite(true);
   }
   if (!swapped) return readIndex(true);  // perhaps the big-endian form
   report("readIndex size mismatch");
@@ -418,11 +419,13 @@ void Store::doCompaction() {
   if (bloated()) compact(false);
 }
 
-// The new files are written beside the old ones and renamed over them at the end, data
-// file first. A process killed on the way leaves either the old pair, or a new data file
-// with the old index, whose sizes disagree: the next open wipes the store and says so
-// (`restarted`), where files emptied in place would have come up silently empty.
-void Store::compact(bool swapped) {
+// The new files are written beside the old ones (P.dat.new, P.idx.new, in that order) and
+// renamed over them at the end, data file first. Until the data file is renamed nothing of
+// the store has changed, so any failure before it keeps the old files and the old state.
+// The rename of the data file commits the compaction: from there on the store works on the
+// new files, and an index that could not take its name is left beside them for the next
+// opening to finish.
+bool Store::rewrite(bool swapped) {
   if (getRunner() != nullptr) {
     if (compactTimer_) kl::removeTimer(&compactTimer_);
     if (flushTimer_) kl::removeTimer(&flushTimer_);
@@ -432,51 +435,66 @@ void Store::compact(bool swapped) {
   if (!openIdx() || !openData()) {
     closeIdx();
     closeData();
-    return;
+    return false;
   }
-  const int oldIdx = idxFd_;
-  const int oldDat = datFd_;
   const std::string newDat = path_ + ".dat.new";
   const std::string newIdx = path_ + ".idx.new";
   const int dat = recreate(newDat);
   if (dat < 0) {
     report("compact: could not open new data file");
-    return;
+    return false;
   }
   const int idx = recreate(newIdx);
   if (idx < 0) {
     report("compact: could not open new index file");
     close(dat);
     unlink(newDat.c_str());
-    return;
+    return false;
   }
-  idxFd_ = idx;
-  datFd_ = dat;
-  const bool done = copyLiveSlots(oldIdx, oldDat, swapped) && fsync(idx) == 0 && fsync(dat) == 0 &&
-                    rename(newDat.c_str(), (path_ + ".dat").c_str()) == 0 &&
-                    rename(newIdx.c_str(), (path_ + ".idx").c_str()) == 0;
-  close(oldIdx);
-  close(oldDat);
-  if (!done) {
+  Compacted next{entries_, 0, 0};
+  bool ready = copyLiveSlots(idx, dat, swapped, &next);
+  if (ready && (fsync(idx) != 0 || fsync(dat) != 0)) {
+    report("compact: could not sync the new files, the old ones stay");
+    ready = false;
+  }
+  if (ready && rename(newDat.c_str(), (path_ + ".dat").c_str()) != 0) {
+    report("compact: could not rename the new data file, the old files stay");
+    ready = false;
+  }
+  if (!ready) {
+    close(idx);
+    close(dat);
     unlink(newDat.c_str());
     unlink(newIdx.c_str());
-    restart();  // all stored data is lost
+    return false;
   }
+  if (rename(newIdx.c_str(), (path_ + ".idx").c_str()) != 0) {
+    report("compact: could not rename the new index file, the next opening finishes it");
+  }
+  closeIdx();
+  closeData();
+  idxFd_ = idx;
+  datFd_ = dat;
+  entries_.swap(next.entries);
+  freeList_.clear();
+  dataSize_ = next.dataSize;
+  indexCount_ = next.indexCount;
+  freeBytes_ = freeCount_ = 0;
+  return true;
 }
 
-// Streams every live slot and its extent from the old files to the new ones, in slot order;
-// false (after printing why) on any failure.
-bool Store::copyLiveSlots(int oldIdx, int oldDat, bool swapped) {
-  if (lseek(oldIdx, 0, SEEK_SET) < 0) {
+void Store::compact(bool swapped) { rewrite(swapped); }
+
+// Streams every live slot and its extent from the open (old) files to idx and dat, in slot
+// order, placing the entries of `next`; false (after printing why) on any failure.
+bool Store::copyLiveSlots(int idx, int dat, bool swapped, Compacted* next) {
+  if (lseek(idxFd_, 0, SEEK_SET) < 0) {
     report("compact: could not seek to start in index");
     return false;
   }
-  const unsigned oldDataSize = dataSize_;
-  dataSize_ = indexCount_ = freeBytes_ = freeCount_ = 0;
-  freeList_.clear();
   for (;;) {
     unsigned char raw[kSlotSize];
-    const ssize_t n = readFully(oldIdx, raw, kSlotSize);
+    const ssize_t n = readFully(idxFd_, raw, kSlotSize);
     if (n < 0) {
       report("compact read failed");
       return false;
@@ -484,40 +502,40 @@ bool Store::copyLiveSlots(int oldIdx, int oldDat, bool swapped) {
     if (n < static_cast<ssize_t>(kSlotSize)) return true;
     const storefmt::Slot slot = storefmt::loadSlot(raw, swapped);
     if (slot.id == kFreeId) continue;
-    auto it = entries_.find(slot.id);
-    if (it == entries_.end()) {
+    auto it = next->entries.find(slot.id);
+    if (it == next->entries.end()) {
       report("entry in file but not in map!!");
       continue;
     }
     storefmt::storeSlot(raw, slot);
-    if (!writeFully(idxFd_, raw, kSlotSize)) {
+    if (!writeFully(idx, raw, kSlotSize)) {
       report("compact write failed");
       return false;
     }
     // An extent must lie inside the old data file (a damaged index must not make us
     // allocate what its lengths claim).
-    if (it->second.offset > oldDataSize || slot.length > oldDataSize - it->second.offset) {
+    if (it->second.offset > dataSize_ || slot.length > dataSize_ - it->second.offset) {
       report("compact read failed");
       return false;
     }
     std::vector<unsigned char> extent(slot.length);
-    if (lseek(oldDat, it->second.offset, SEEK_SET) < 0) {
+    if (lseek(datFd_, it->second.offset, SEEK_SET) < 0) {
       report("compact lseek failed");
       return false;
     }
-    if (readFully(oldDat, extent.data(), extent.size()) != static_cast<ssize_t>(extent.size())) {
+    if (readFully(datFd_, extent.data(), extent.size()) != static_cast<ssize_t>(extent.size())) {
       report("compact read failed");
       return false;
     }
     if (swapped && extent.size() >= kRecordHeaderSize) std::swap(extent[0], extent[1]);
-    if (!writeFully(datFd_, extent.data(), extent.size())) {
+    if (!writeFully(dat, extent.data(), extent.size())) {
       report("compact write failed");
       return false;
     }
-    it->second.offset = dataSize_;
-    it->second.slot = indexCount_;
-    dataSize_ += slot.length;
-    ++indexCount_;
+    it->second.offset = next->dataSize;
+    it->second.slot = next->indexCount;
+    next->dataSize += slot.length;
+    ++next->indexCount;
   }
 }
 

@@ -74,7 +74,8 @@ class Store {
   std::vector<unsigned> ids() const;
 
   // Rewrites both files without free extents; `swapped` reads the old files big-endian.
-  // A failure after the new files exist wipes the store.
+  // A failure before the new files are in place keeps the old files and state, after a
+  // "STORE: compact..." line.
   void compact(bool swapped);
   // Timer body: compacts if the store is still bloated.
   void doCompaction();
@@ -128,7 +129,15 @@ class Store {
   };
   void freeExtent(const Entry& e, bool atFront);
   void place(Entry& e, unsigned needed);
-  bool copyLiveSlots(int oldIdx, int oldDat, bool swapped);
+  // The state a compaction builds beside the current one.
+  struct Compacted {
+    std::map<unsigned, Entry> entries;
+    unsigned dataSize;
+    unsigned indexCount;
+  };
+  // compact(), true when the new files took the place of the old ones.
+  bool rewrite(bool swapped);
+  bool copyLiveSlots(int idx, int dat, bool swapped, Compacted* next);
 
   std::map<unsigned, Entry> entries_;
   int idxFd_ = -1;
