@@ -71,6 +71,7 @@ Store::Store(const std::string& path, unsigned defaultAge) : path_(path), defaul
   for (size_t k = path_.find('/', 1); k != std::string::npos; k = path_.find('/', k + 1)) {
     mkdir(path_.substr(0, k).c_str(), 0700);
   }
+  finishRewrite();
   if (!readIndex(false)) {
     restarted = true;
     restart();
@@ -164,6 +165,24 @@ void Store::deleteFiles() {
   Lock lock(*this);
   for (const char* suffix : {".idx", ".dat", ".lock", ".idx.new", ".dat.new"}) {
     unlink((path_ + suffix).c_str());  // with what an interrupted compaction left behind
+  }
+}
+
+// A rewrite (compaction or conversion) killed before its data file took the store's name
+// left the old pair intact and new files beside it: they go. One killed between the two
+// renames left the new data file in place and the new index beside it: it takes its name.
+// The new data file is created before the new index, so a new index alone means the second
+// case.
+void Store::finishRewrite() {
+  Lock lock(*this);
+  const std::string newDat = path_ + ".dat.new";
+  const std::string newIdx = path_ + ".idx.new";
+  if (access(newDat.c_str(), F_OK) == 0) {
+    unlink(newDat.c_str());
+    unlink(newIdx.c_str());
+  } else if (access(newIdx.c_str(), F_OK) == 0 &&
+             rename(newIdx.c_str(), (path_ + ".idx").c_str()) != 0) {
+    report("could not finish an interrupted compaction");
   }
 }
 

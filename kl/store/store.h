@@ -13,7 +13,9 @@
 //
 // A store whose files are missing or disagree (data size differs from the sum of the slot
 // lengths in both byte orders) is wiped and starts empty with `restarted` set; this is also
-// what a first run looks like. Failures print one "STORE: " line on the error stream.
+// what a first run looks like. A compaction or conversion interrupted by a kill is undone or
+// finished on opening, so the store opens as the old pair or the new one. Failures print one
+// "STORE: " line on the error stream.
 //
 // Loop thread only. The timers the store arms must not outlive it: destroy the store before
 // the runner, or with the runner still present.
@@ -114,6 +116,7 @@ class Store {
   static constexpr unsigned kReadAhead = 512;
 
   bool bloated() const;
+  void finishRewrite();
   message readRecord(unsigned offset, unsigned hint);
 
   // The inter-process write lock over <path>.lock, taken once however deeply nested.

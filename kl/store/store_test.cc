@@ -20,6 +20,7 @@
 #include "kl/runner/runner.h"
 #include "kl/store/wlock.h"
 #include "kl/testing/hex.h"
+#include "kl/testing/store_kill.h"
 #include "kl/testing/temp_root.h"
 
 namespace kl {
@@ -338,6 +339,36 @@ TEST_F(StoreTest, BigEndianFilesAreAcceptedAndRewritten) {
   s = openQuietly(&err);
   EXPECT_EQ(err, "");
   EXPECT_TRUE(s->get(12) == b);
+}
+
+// What a conversion killed on its way leaves: new files beside the old big-endian pair
+// (before the data file's rename), or the new data file in place with the new index beside
+// it (between the renames). Either opens as a whole store.
+TEST_F(StoreTest, AnInterruptedConversionOpensAsTheOldOrTheNewStore) {
+  for (const bool renamedData : {false, true}) {
+    SCOPED_TRACE(renamedData ? "between the renames" : "before the renames");
+    const std::map<unsigned, message> live =
+        testing::writeStoreFiles(base(), 12, false, true);        // big-endian, the old pair
+    testing::writeStoreFiles(base() + "-new", 12, false, false);  // what conversion writes
+    ASSERT_EQ(rename((base() + "-new.idx").c_str(), (base() + ".idx.new").c_str()), 0);
+    if (renamedData) {
+      ASSERT_EQ(rename((base() + "-new.dat").c_str(), (base() + ".dat").c_str()), 0);
+    } else {
+      Bytes part = file("-new.dat");
+      part.resize(part.size() / 2);
+      writeBytes(".dat.new", part);
+    }
+    std::string err;
+    std::unique_ptr<Store> s = openQuietly(&err);
+    EXPECT_EQ(err, "");
+    EXPECT_FALSE(s->restarted);
+    EXPECT_EQ(s->ids().size(), live.size());
+    for (const auto& m : live) EXPECT_TRUE(s->get(m.first) == m.second) << m.first;
+    EXPECT_FALSE(std::ifstream(base() + ".idx.new").good());
+    EXPECT_FALSE(std::ifstream(base() + ".dat.new").good());
+    s->deleteFiles();
+    unlink((base() + "-new.dat").c_str());
+  }
 }
 
 TEST_F(StoreTest, DataOneByteTooLongWipesTheStore) {
