@@ -327,7 +327,8 @@ void Store::freeExtent(const Entry& e, bool atFront) {
 }
 
 // First fit from the front of the free list; a reused extent is taken whole. Else append.
-void Store::place(Entry& e, unsigned needed) {
+// True when a free extent was reused.
+bool Store::place(Entry& e, unsigned needed) {
   for (auto it = freeList_.begin(); it != freeList_.end(); ++it) {
     if (it->length >= needed) {
       e.offset = it->offset;
@@ -336,7 +337,7 @@ void Store::place(Entry& e, unsigned needed) {
       freeBytes_ -= it->length;
       --freeCount_;
       freeList_.erase(it);
-      return;
+      return true;
     }
   }
   e.offset = dataSize_;
@@ -344,6 +345,7 @@ void Store::place(Entry& e, unsigned needed) {
   e.slot = indexCount_;
   dataSize_ += needed;
   ++indexCount_;
+  return false;
 }
 
 void Store::set(unsigned id, const message& m) {
@@ -362,8 +364,14 @@ void Store::set(unsigned id, const message& m) {
     it = entries_.insert({id, Entry{0, 0, 0, defaultAge_}}).first;
   }
   Entry& entry = it->second;
-  place(entry, needed);
-  if (writeIndexent(id, entry) && writeMsg(entry.offset, bytes)) {
+  // A reused extent still holds the record of whatever lived there before, so its record
+  // is written before the slot that points at it: a kill between the two leaves the id
+  // without a value, never with another id's. An appended extent gets its slot first (a
+  // kill between those two writes leaves files whose sizes disagree either way).
+  const bool written = place(entry, needed)
+                           ? writeMsg(entry.offset, bytes) && writeIndexent(id, entry)
+                           : writeIndexent(id, entry) && writeMsg(entry.offset, bytes);
+  if (written) {
     checkForBloat();
     return;
   }

@@ -131,7 +131,7 @@ class Store {
     Store& store_;
   };
   void freeExtent(const Entry& e, bool atFront);
-  void place(Entry& e, unsigned needed);
+  bool place(Entry& e, unsigned needed);
   // The state a compaction builds beside the current one.
   struct Compacted {
     std::map<unsigned, Entry> entries;

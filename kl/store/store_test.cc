@@ -558,105 +558,19 @@ TEST_F(StoreTest, WlockExcludesOtherProcesses) {
   close(ready[1]);
 }
 
-// A writer killed at random moments. The store reopens without fault, and either it says it
-// was wiped (`restarted`) or every id holds its last completed value. The id of the
-// operation the kill interrupted may hold its old value, its new one or none; it may also
-// read as the stale record of the extent it was moving into (the slot is written before the
-// record), which the test counts.
+// A writer killed at random moments (bench/store_kill runs hundreds of these and prints the
+// figures). The store reopens either wiped (`restarted`) or with every id at its last
+// completed value, except the id being written, which holds its old value, its new value or
+// nothing: never a value written under another id, nor an older one of its own.
 TEST_F(StoreTest, SurvivesKillsDuringAStreamOfWrites) {
-  std::mt19937 rng(99);
-  int wipes = 0;
-  const int kKills = 200;
-  std::map<unsigned, message> model;  // what the store must hold, across rounds
-  int stale = 0;
-  for (int round = 0; round < kKills; ++round) {
-    int journal[2];
-    ASSERT_EQ(pipe(journal), 0);
-    const unsigned seed = rng();
-    const pid_t child = fork();
-    if (child == 0) {
-      close(journal[0]);
-      std::mt19937 r(seed);
-      Store s(base(), 10);
-      for (unsigned seq = 0;; ++seq) {
-        const unsigned id = r() % 16;
-        const bool erase = r() % 4 == 0;
-        const unsigned size = 20 + r() % 400;
-        char line[64];
-        // Announce, act, confirm: the parent knows what may be in flight.
-        int n = snprintf(line, sizeof line, "B %u %u %u %u\n", id, erase, seq, size);
-        if (write(journal[1], line, n) != n) _exit(2);
-        if (erase) {
-          s.remove(id);
-        } else {
-          s.set(id, sized(seq, size));
-        }
-        n = snprintf(line, sizeof line, "E\n");
-        if (write(journal[1], line, n) != n) _exit(2);
-      }
-    }
-    close(journal[1]);
-    usleep(1000 + rng() % 20000);
-    kill(child, SIGKILL);
-    int status;
-    waitpid(child, &status, 0);
-    std::string log;
-    char buf[4096];
-    for (ssize_t n; (n = read(journal[0], buf, sizeof buf)) > 0;) log.append(buf, n);
-    close(journal[0]);
-
-    // Replay the journal over the model: the last completed value per id, and the
-    // operation that may have been in flight.
-    std::istringstream lines(log);
-    std::string tag;
-    unsigned id = 0, erase = 0, seq = 0, size = 0;
-    bool inFlight = false;
-    while (lines >> tag) {
-      if (tag == "B") {
-        lines >> id >> erase >> seq >> size;
-        inFlight = true;
-      } else {
-        if (erase) {
-          model.erase(id);
-        } else {
-          model[id] = sized(seq, size);
-        }
-        inFlight = false;
-      }
-    }
-    std::string err;
-    std::unique_ptr<Store> s = openQuietly(&err);
-    if (s->restarted) {
-      ++wipes;
-      model.clear();
-      continue;
-    }
-    for (unsigned i = 0; i < 16; ++i) {
-      SCOPED_TRACE("round " + std::to_string(round) + " id " + std::to_string(i));
-      const auto it = model.find(i);
-      const bool matchesDone =
-          it == model.end() ? !s->has(i) : (s->has(i) && s->get(i) == it->second);
-      const bool isInFlight = inFlight && i == id;
-      if (isInFlight && !matchesDone && s->has(i) && !(s->get(i) == sized(seq, size))) ++stale;
-      // Old value (matchesDone), new value, none, or a stale record: all an interrupted
-      // operation can leave behind.
-      const bool matchesInFlight = isInFlight;
-      EXPECT_TRUE(matchesDone || matchesInFlight)
-          << "id " << i << " in flight: "
-          << (inFlight ? (erase ? "remove " : "set ") + std::to_string(id) : "none")
-          << ", stored: " << (s->has(i) ? "yes" : "no")
-          << ", model: " << (it == model.end() ? "absent" : "present") << ", ids "
-          << s->ids().size();
-      if (s->has(i)) {
-        model[i] = s->get(i);
-      } else {
-        model.erase(i);
-      }
-    }
-  }
-  RecordProperty("wipes", wipes);
-  std::cout << "store kill test: " << wipes << " of " << kKills << " kills led to a wipe, " << stale
-            << " left a stale record under the interrupted id\n";
+  const testing::WriteKillFigures f = testing::killWrites(base(), 80, 99);
+  EXPECT_EQ(f.otherIds, 0);
+  EXPECT_EQ(f.earlierValue, 0);
+  EXPECT_EQ(f.unreadable, 0);
+  EXPECT_EQ(f.othersDamaged, 0);
+  std::cout << "store kill test: " << f.kills << " kills, " << f.wipes
+            << " wipes; interrupted id: " << f.oldValue << " old, " << f.newValue << " new, "
+            << f.nothing << " nothing\n";
 }
 
 }  // namespace
