@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "kl/store/store_format.h"
+#include "kl/store/wlock.h"
 
 namespace kl {
 
@@ -46,13 +47,6 @@ bool writeFully(int fd, const void* buf, size_t n) {
 int recreate(const std::string& file) {
   unlink(file.c_str());
   return open(file.c_str(), O_RDWR | O_CREAT, 0600);
-}
-
-bool setRecordLock(int fd, short type) {
-  struct flock lock = {};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;  // start 0, length 0: the whole file
-  return fcntl(fd, F_SETLKW, &lock) != -1;
 }
 
 // Whether a failed pread or pwrite failed at its position (what a seek would have reported).
@@ -98,22 +92,16 @@ std::vector<unsigned> Store::ids() const {
 // --- the write lock -----------------------------------------------------------------------
 
 // The store keeps its lock file open and takes the record lock once for nested users, so an
-// operation costs two fcntl calls instead of an open, two fcntl calls and a close per write.
+// operation costs the lock, two stats that check the file still bears its name, and the
+// unlock, without an open and a close per write.
 Store::Lock::Lock(Store& store) : store_(store) {
   if (store_.lockDepth_++ > 0) return;
-  if (store_.lockFd_ < 0) {
-    store_.lockFd_ = open((store_.path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (store_.lockFd_ < 0) {
-      report("lock open failed");
-      return;
-    }
-  }
-  if (!setRecordLock(store_.lockFd_, F_WRLCK)) report("lock fnctl failed");
+  lockStoreFile(store_.path_ + ".lock", &store_.lockFd_);
 }
 
 Store::Lock::~Lock() {
   if (--store_.lockDepth_ > 0 || store_.lockFd_ < 0) return;
-  if (!setRecordLock(store_.lockFd_, F_UNLCK)) report("unlock fnctl failed");
+  unlockStoreFile(store_.lockFd_);
 }
 
 // --- files ----------------------------------------------------------------------------------

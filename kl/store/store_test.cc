@@ -558,6 +558,42 @@ TEST_F(StoreTest, WlockExcludesOtherProcesses) {
   close(ready[1]);
 }
 
+// The lock files are deleted (here by another process, which then locks the store anew)
+// after this store took its lock once: its next write must still wait for the other writer.
+TEST_F(StoreTest, WritersExcludeEachOtherAfterTheFilesWereDeleted) {
+  std::string err;
+  std::unique_ptr<Store> s = openQuietly(&err);
+  s->set(1, sized(1, 20));  // the lock file is open and known
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const std::string marks = root_ + "/marks";
+  fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    {
+      std::string ignored;
+      openQuietly(&ignored)->deleteFiles();
+    }
+    Wlock lock(base());
+    ssize_t ignored = write(ready[1], "x", 1);
+    (void)ignored;
+    usleep(200000);
+    std::ofstream(marks, std::ios::app) << "child ";
+    _exit(0);
+  }
+  char c;
+  ASSERT_EQ(read(ready[0], &c, 1), 1);
+  s->set(2, sized(2, 20));
+  std::ofstream(marks, std::ios::app) << "parent";
+  int status;
+  waitpid(child, &status, 0);
+  std::ifstream in(marks);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()),
+            "child parent");
+  close(ready[0]);
+  close(ready[1]);
+}
+
 // A writer killed at random moments (bench/store_kill runs hundreds of these and prints the
 // figures). The store reopens either wiped (`restarted`) or with every id at its last
 // completed value, except the id being written, which holds its old value, its new value or
