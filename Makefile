@@ -7,6 +7,7 @@
 #   make clang-test  the host build and tests with clang instead of g++
 #   make ppc-test    cross-build for 32-bit big-endian PowerPC, all tests under qemu-ppc
 #   make bench       Release build, all benchmarks
+#   make kill-test   the store's kill figures (a writer SIGKILLed hundreds of times; slow)
 #   make fuzz        a short run of each fuzz target (FUZZ_SECONDS, default 20)
 #   make install-check  install into a temporary prefix and build a program against it
 #   make format-check   the sources follow .clang-format
@@ -19,7 +20,7 @@ FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
 FUZZ_SECONDS ?= 20
 CTEST := ctest --output-on-failure -j2
 
-.PHONY: all demo test asan-test clang-test ppc-test bench fuzz install-check format-check clean
+.PHONY: all demo test asan-test clang-test ppc-test bench kill-test fuzz install-check format-check clean
 
 all: test
 
@@ -59,6 +60,10 @@ bench:
 	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DKL_BUILD_TESTS=OFF -DKL_BUILD_BENCH=ON
 	cmake --build build-release
 	@for b in build-release/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+kill-test: build/build.ninja
+	cmake --build build --target store_kill
+	build/store_kill $(KILLS)
 
 fuzz:
 	@$(ENSURE) $(FUZZ_PACKAGES)

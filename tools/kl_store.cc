@@ -3,13 +3,19 @@
 //
 //   kl-store [--check] [--id N] PATH      PATH is the store's base path (PATH.idx, PATH.dat)
 //
-// Exit status 0 when the store is consistent, 1 when it is not, 2 on a usage error.
+// Exit status 0 when the store is consistent, 1 when it is not, 2 on a usage error, an
+// unreadable file or an --id that no slot holds.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -32,12 +38,44 @@ const char kUsage[] =
     "each message decodes. The files are only read.\n"
     "  --check  print only the problems and the summary\n"
     "  --id N   print only the slot of id N\n"
-    "Exit status: 0 consistent, 1 inconsistent, 2 usage or unreadable files.\n";
+    "Exit status: 0 consistent, 1 inconsistent, 2 usage, unreadable files or an --id\n"
+    "that no slot holds.\n";
 
+// Reads the regular file `path` whole; false after a "kl-store: PATH: reason" line.
 bool readFile(const std::string& path, Bytes* out) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  out->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  const int fd = open(path.c_str(), O_RDONLY);
+  struct stat st;
+  const char* reason = nullptr;
+  if (fd < 0 || fstat(fd, &st) != 0) {
+    reason = strerror(errno);
+  } else if (!S_ISREG(st.st_mode)) {
+    reason = S_ISDIR(st.st_mode) ? "is a directory, not a store file" : "not a regular file";
+  } else {
+    out->resize(st.st_size);
+    size_t got = 0;
+    while (got < out->size()) {
+      const ssize_t n = read(fd, out->data() + got, out->size() - got);
+      if (n <= 0) {
+        reason = n < 0 ? strerror(errno) : "shorter than its size";
+        break;
+      }
+      got += n;
+    }
+  }
+  if (fd >= 0) close(fd);
+  if (reason == nullptr) return true;
+  std::cerr << "kl-store: " << path << ": " << reason << std::endl;
+  return false;
+}
+
+// A 32-bit id in decimal, hex (0x) or octal (0) notation, nothing else.
+bool parseId(const char* text, unsigned* id) {
+  if (!isdigit(static_cast<unsigned char>(text[0]))) return false;
+  errno = 0;
+  char* end;
+  const unsigned long long v = strtoull(text, &end, 0);
+  if (errno != 0 || *end != '\0' || v > 0xFFFFFFFFull) return false;
+  *id = static_cast<unsigned>(v);
   return true;
 }
 
@@ -50,8 +88,9 @@ std::vector<Slot> slotsOf(const Bytes& idx, bool swapped) {
   return slots;
 }
 
-unsigned long long sumOf(const std::vector<Slot>& slots) {
-  unsigned long long sum = 0;
+// The sum of the slot lengths as the store adds them: in 32 bits, wrapping.
+uint32_t sumOf(const std::vector<Slot>& slots) {
+  uint32_t sum = 0;
   for (const Slot& s : slots) sum += s.length;
   return sum;
 }
@@ -71,7 +110,10 @@ int main(int argc, char** argv) {
       checkOnly = true;
     } else if (strcmp(argv[i], "--id") == 0 && i + 1 < argc) {
       oneId = true;
-      wanted = static_cast<unsigned>(strtoul(argv[++i], nullptr, 0));
+      if (!parseId(argv[++i], &wanted)) {
+        std::cerr << "kl-store: --id " << argv[i] << ": not an id (0 to 4294967295)" << std::endl;
+        return 2;
+      }
     } else if (path == nullptr && argv[i][0] != '-') {
       path = argv[i];
     } else {
@@ -85,7 +127,6 @@ int main(int argc, char** argv) {
   }
   Bytes idx, dat;
   if (!readFile(std::string(path) + ".idx", &idx) || !readFile(std::string(path) + ".dat", &dat)) {
-    std::cerr << "kl-store: cannot read " << path << ".idx and " << path << ".dat" << std::endl;
     return 2;
   }
 
@@ -110,7 +151,8 @@ int main(int argc, char** argv) {
   }
 
   std::set<unsigned> seen;
-  unsigned long long offset = 0, freeBytes = 0;
+  uint32_t offset = 0;  // as the store places extents: in 32 bits
+  unsigned long long freeBytes = 0;
   unsigned live = 0, freeSlots = 0;
   for (size_t n = 0; n < slots.size(); offset += slots[n].length, ++n) {
     const Slot& s = slots[n];
@@ -130,14 +172,14 @@ int main(int argc, char** argv) {
     if (isFree) continue;
     if (!seen.insert(s.id).second)
       problem(where + ": id " + std::to_string(s.id) + " again (ignored on opening)");
-    if (offset + kl::storefmt::kRecordHeaderSize > dat.size() ||
+    if (0ull + offset + kl::storefmt::kRecordHeaderSize > dat.size() ||
         s.length < kl::storefmt::kRecordHeaderSize) {
       problem(where + ": extent outside the data file");
       continue;
     }
     unsigned record = swapped ? (dat[offset] << 8 | dat[offset + 1]) : kl::loadLe16(&dat[offset]);
     if (record < kl::storefmt::kRecordHeaderSize || record > s.length ||
-        offset + record > dat.size()) {
+        0ull + offset + record > dat.size()) {
       problem(where + ": record length " + std::to_string(record) + " does not fit its extent");
       continue;
     }
@@ -153,5 +195,9 @@ int main(int argc, char** argv) {
             << " bytes); data " << dat.size() << " bytes; "
             << (problems == 0 ? "consistent" : std::to_string(problems) + " problem(s)")
             << std::endl;
+  if (oneId && seen.count(wanted) == 0) {
+    std::cerr << "kl-store: " << path << ".idx: no message with id " << wanted << std::endl;
+    return 2;
+  }
   return problems == 0 ? 0 : 1;
 }

@@ -5,9 +5,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "kl/message/system.h"
 #include "kl/runner/runner.h"
@@ -156,6 +159,74 @@ TEST_F(CrashReportTest, Usr2SnapshotLetsTheProcessRunOn) {
   EXPECT_NE(text.find("\n\nstill running\n"), std::string::npos);
   EXPECT_EQ(text.find("died with"), std::string::npos);
 }
+
+// Faults two calls deep, so that the frame chain holds frames of this program.
+__attribute__((noinline)) void faultDeeper() {
+  nullWrite();
+  asm volatile("" ::: "memory");  // no tail call: this frame stays on the chain
+}
+__attribute__((noinline)) void faultDeep() {
+  faultDeeper();
+  asm volatile("" ::: "memory");
+}
+
+// The addresses of the report's backtrace line.
+std::vector<std::string> backtraceOf(const std::string& text) {
+  std::vector<std::string> out;
+  const size_t start = text.find("\nbacktrace: ");
+  const size_t end = text.find("\n\ncode:");
+  if (start == std::string::npos || end == std::string::npos) return out;
+  std::istringstream words(text.substr(start + 12, end - start - 12));
+  for (std::string w; words >> w;) out.push_back(w);
+  return out;
+}
+
+TEST_F(CrashReportTest, BacktraceWalksTheFrameChain) {
+  createReportDevice();
+  EXPECT_EQ(crashInChild(faultDeep), 1);
+  // The program counter, then (at least) the frames of faultDeeper and faultDeep.
+  EXPECT_GE(backtraceOf(report()).size(), 3u) << report();
+}
+
+#if defined(__x86_64__) || (defined(__powerpc__) && !defined(__powerpc64__))
+// Faults with the frame register on a forged frame whose back chain does not climb.
+__attribute__((noinline, no_sanitize("address", "undefined"))) void faultOnFrame(uintptr_t* f) {
+#if defined(__x86_64__)
+  asm volatile("mov %0, %%rbp\n\tmovq $1, 0" : : "r"(f) : "memory");
+#else
+  asm volatile("mr 1, %0\n\tli 9, 0\n\tstw 9, 0(9)" : : "r"(f) : "memory", "r9");
+#endif
+}
+
+template <int kBackChain>  // the back chain, in words from the frame
+__attribute__((noinline)) void forgedChain() {
+  uintptr_t words[64] = {};
+  uintptr_t* frame = words + 32;
+  frame[0] = reinterpret_cast<uintptr_t>(frame + kBackChain);
+  frame[1] = 0x1234;  // the return address, one word up on both machines
+  alarm(2);           // a walk that does not end is stopped here, and the test fails
+  faultOnFrame(frame);
+}
+
+TEST_F(CrashReportTest, FrameWalkStopsOnAChainThatDoesNotClimb) {
+  const struct {
+    const char* name;
+    void (*body)();
+  } cases[] = {{"a frame that chains to itself", forgedChain<0>},
+               {"a frame that chains downwards", forgedChain<-8>}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    createReportDevice();
+    EXPECT_EQ(crashInChild(c.body), 1);
+    const std::vector<std::string> trace = backtraceOf(report());
+    ASSERT_FALSE(trace.empty()) << report();
+    EXPECT_EQ(std::count(trace.begin(), trace.end(),
+                         "0x" + std::string(2 * sizeof(void*) - 4, '0') + "1234"),
+              1)
+        << report();
+  }
+}
+#endif
 
 TEST(BacktraceInfo, NestsOnTheProcessList) {
   message m;

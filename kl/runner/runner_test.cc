@@ -49,6 +49,24 @@ TEST_F(RunnerTest, PipeOpensOnceAndRestoreBringsBackThePriorAction) {
   EXPECT_EQ(currentHandler(SIGINT), priorHandler);
 }
 
+void priorSiginfoHandler(int, siginfo_t*, void*) {}
+
+// A prior three-argument handler (the crash handler is one) comes back with SA_SIGINFO, or
+// it would be called with one argument.
+TEST_F(RunnerTest, RestoreKeepsAPriorSiginfoHandler) {
+  struct sigaction prior = {};
+  prior.sa_sigaction = priorSiginfoHandler;
+  prior.sa_flags = SA_SIGINFO;
+  sigemptyset(&prior.sa_mask);
+  ASSERT_EQ(sigaction(SIGUSR1, &prior, nullptr), 0);
+  EXPECT_TRUE(runner_.setSigaction(SIGUSR1, Runner::SIGACT_HANDLE));
+  EXPECT_TRUE(runner_.setSigaction(SIGUSR1, Runner::SIGACT_RESTORE));
+  struct sigaction now;
+  sigaction(SIGUSR1, nullptr, &now);
+  EXPECT_TRUE(now.sa_flags & SA_SIGINFO);
+  EXPECT_EQ(now.sa_sigaction, priorSiginfoHandler);
+}
+
 TEST_F(RunnerTest, PipeClosesWhenTheLastHandledSignalLeaves) {
   runner_.setSigaction(SIGINT, Runner::SIGACT_HANDLE);
   runner_.setSigaction(SIGHUP, Runner::SIGACT_HANDLE);

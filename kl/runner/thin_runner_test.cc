@@ -160,6 +160,79 @@ TEST_F(ThinRunnerTest, DelayedTimerCountsFromWhenTheLoopRegainsControl) {
   EXPECT_EQ(log_, (std::vector<std::string>{"delayed"}));
 }
 
+// One pass serves the expired timers after the wait and before the ready sockets, and serves
+// them although poll() returned ready descriptors.
+TEST_F(ThinRunnerTest, APassRunsTimersBeforeReadySockets) {
+  Recorder timer{&log_, "timer"};
+  runner_.addTimer(&timer, Recorder::fire, 0);
+  runner_.addSocket(
+      readablePipe(), &log_,
+      [](void* log, int, unsigned int) {
+        static_cast<std::vector<std::string>*>(log)->push_back("socket");
+      },
+      POLLIN);
+  runner_.runSocks(getJiffies());
+  EXPECT_EQ(log_, (std::vector<std::string>{"timer", "socket"}));
+}
+
+// A delayed timer armed in a socket callback that then goes on working for ten ticks counts
+// from the end of the socket pass, not from when it was armed.
+TEST_F(ThinRunnerTest, DelayedTimerArmedInACallbackIgnoresTheRestOfThePass) {
+  struct Ctx {
+    ThinRunner* runner;
+    unsigned int passEnd = 0;
+    unsigned int fired = 0;
+  } ctx{&runner_};
+  const int fd = readablePipe();
+  runner_.addSocket(
+      fd, &ctx,
+      [](void* p, int fd, unsigned int) {
+        Ctx* c = static_cast<Ctx*>(p);
+        c->runner->removeSocket(fd);
+        c->runner->addDelayedTimer(
+            p,
+            [](void* q) {
+              Ctx* c = static_cast<Ctx*>(q);
+              c->fired = getJiffies();
+              static_cast<TestRunner*>(c->runner)->stop();
+            },
+            5);
+        usleep(100000);  // the rest of the pass
+        c->passEnd = getJiffies();
+      },
+      POLLIN);
+  stopAfter(200);  // a safety net
+  runner_.run();
+  ASSERT_NE(ctx.fired, 0u);
+  EXPECT_GE(ctx.fired - ctx.passEnd, 5u);
+}
+
+// A timer may remove itself through its own handle from its callback: the removal only
+// marks it, and the other timers are not disturbed.
+TEST_F(ThinRunnerTest, TimerRemovingItselfFromItsCallback) {
+  struct Ctx {
+    ThinRunner* runner;
+    TimerPtr self;
+    bool removed = false;
+  } ctx{&runner_, TimerPtr()};
+  Recorder a{&log_, "a"}, b{&log_, "b"};
+  runner_.addTimer(&a, Recorder::fire, 0);
+  ctx.self = runner_.addTimer(
+      &ctx,
+      [](void* p) {
+        Ctx* c = static_cast<Ctx*>(p);
+        c->removed = c->runner->removeTimer(c->self);
+      },
+      0);
+  runner_.addTimer(&b, Recorder::fire, 0);
+  runner_.addTimer(&b, Recorder::fire, 1000);
+  runner_.runTimers();
+  EXPECT_TRUE(ctx.removed);
+  EXPECT_EQ(log_, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(runner_.timerCount(), 1u);
+  EXPECT_GT(runner_.sleepTime(getJiffies()), 0);  // the heap is whole: only the far timer
+}
+
 TEST_F(ThinRunnerTest, DuplicateSocketIsRefusedWithAWarning) {
   const int fd = readablePipe();
   runner_.addSocket(

@@ -65,8 +65,10 @@ void Allocator::unlinkRange(FreeRange** link) {
   wrapCursor();
 }
 
+// The count alone does not say that a range is left: allocateRange's fall-back withdraws a
+// range without counting it, so an empty list is checked as well.
 unsigned Allocator::allocate() {
-  if (count_ == 0) fail("allocator: no free ids");
+  if (count_ == 0 || head_ == nullptr) fail("allocator: no free ids");
   FreeRange* r = *cursor_;
   const unsigned id = r->first;
   if (r->first == r->last) {
@@ -112,7 +114,7 @@ void Allocator::spin() {
 }
 
 bool Allocator::allocateRange(unsigned n, unsigned* first, unsigned* got) {
-  if (count_ == 0) fail("allocator: no free ids");
+  if (count_ == 0 || head_ == nullptr) fail("allocator: no free ids");
   FreeRange** lastLink = nullptr;
   for (FreeRange** link = &head_; *link != nullptr; link = &(*link)->next) {
     lastLink = link;
@@ -167,7 +169,9 @@ void Allocator::free(unsigned id) {
     *link = single;
     if (cursorHere) {
       cursor_ = &single->next;
-      if (prev == nullptr && count_ == 0) cursor_ = &head_;  // the only range is current
+      // The list was empty, so the new range is the only one and current. (The count may
+      // say otherwise after allocateRange's fall-back.)
+      if (prev == nullptr && next == nullptr) cursor_ = &head_;
     }
   }
   ++count_;

@@ -34,7 +34,8 @@ class Allocator {
   Allocator(const Allocator&) = delete;
   Allocator& operator=(const Allocator&) = delete;
 
-  // The next id in rotating order. Aborts when none is free.
+  // The next id in rotating order. Aborts when none is free (also when count() still says
+  // otherwise after allocateRange's fall-back).
   unsigned allocate();
   // Takes `id` and returns it. Aborts when it is not free. When it came from the current
   // range, the largest range becomes current.

@@ -184,6 +184,24 @@ TEST(AllocatorDeathTest, MisuseAborts) {
          Allocator a(1, 10);
          a.free(3);
        }},
+      // The range fall-back withdraws ids without counting them: the count says ids are
+      // free where no range is left.
+      {"allocator: no free ids",
+       [] {
+         Allocator a(1, 3);
+         unsigned first, got;
+         a.allocateRange(5, &first, &got);
+         a.free(10);
+         a.allocate();
+         a.allocate();
+       }},
+      {"allocator: no free ids",
+       [] {
+         Allocator a(1, 3);
+         unsigned first, got;
+         a.allocateRange(5, &first, &got);
+         a.allocateRange(1, &first, &got);
+       }},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);

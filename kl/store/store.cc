@@ -1,13 +1,15 @@
 #include "kl/store/store.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <iostream>
 
 #include "kl/store/store_format.h"
+#include "kl/store/wlock.h"
 
 namespace kl {
 
@@ -47,11 +49,9 @@ int recreate(const std::string& file) {
   return open(file.c_str(), O_RDWR | O_CREAT, 0600);
 }
 
-bool setRecordLock(int fd, short type) {
-  struct flock lock = {};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;  // start 0, length 0: the whole file
-  return fcntl(fd, F_SETLKW, &lock) != -1;
+// Whether a failed pread or pwrite failed at its position (what a seek would have reported).
+bool positionRejected(int err) {
+  return err == EBADF || err == EINVAL || err == EOVERFLOW || err == ESPIPE;
 }
 
 void closeIfOpen(int& fd) {
@@ -65,6 +65,7 @@ Store::Store(const std::string& path, unsigned defaultAge) : path_(path), defaul
   for (size_t k = path_.find('/', 1); k != std::string::npos; k = path_.find('/', k + 1)) {
     mkdir(path_.substr(0, k).c_str(), 0700);
   }
+  finishRewrite();
   if (!readIndex(false)) {
     restarted = true;
     restart();
@@ -91,22 +92,16 @@ std::vector<unsigned> Store::ids() const {
 // --- the write lock -----------------------------------------------------------------------
 
 // The store keeps its lock file open and takes the record lock once for nested users, so an
-// operation costs two fcntl calls instead of an open, two fcntl calls and a close per write.
+// operation costs the lock, two stats that check the file still bears its name, and the
+// unlock, without an open and a close per write.
 Store::Lock::Lock(Store& store) : store_(store) {
   if (store_.lockDepth_++ > 0) return;
-  if (store_.lockFd_ < 0) {
-    store_.lockFd_ = open((store_.path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (store_.lockFd_ < 0) {
-      report("lock open failed");
-      return;
-    }
-  }
-  if (!setRecordLock(store_.lockFd_, F_WRLCK)) report("lock fnctl failed");
+  lockStoreFile(store_.path_ + ".lock", &store_.lockFd_);
 }
 
 Store::Lock::~Lock() {
   if (--store_.lockDepth_ > 0 || store_.lockFd_ < 0) return;
-  if (!setRecordLock(store_.lockFd_, F_UNLCK)) report("unlock fnctl failed");
+  unlockStoreFile(store_.lockFd_);
 }
 
 // --- files ----------------------------------------------------------------------------------
@@ -127,10 +122,7 @@ bool Store::openData() {
 }
 
 void Store::closeIdx() { closeIfOpen(idxFd_); }
-void Store::closeData() {
-  unmapData();
-  closeIfOpen(datFd_);
-}
+void Store::closeData() { closeIfOpen(datFd_); }
 
 void Store::cleanup() {
   entries_.clear();
@@ -161,6 +153,24 @@ void Store::deleteFiles() {
   Lock lock(*this);
   for (const char* suffix : {".idx", ".dat", ".lock", ".idx.new", ".dat.new"}) {
     unlink((path_ + suffix).c_str());  // with what an interrupted compaction left behind
+  }
+}
+
+// A rewrite (compaction or conversion) killed before its data file took the store's name
+// left the old pair intact and new files beside it: they go. One killed between the two
+// renames left the new data file in place and the new index beside it: it takes its name.
+// The new data file is created before the new index, so a new index alone means the second
+// case.
+void Store::finishRewrite() {
+  Lock lock(*this);
+  const std::string newDat = path_ + ".dat.new";
+  const std::string newIdx = path_ + ".idx.new";
+  if (access(newDat.c_str(), F_OK) == 0) {
+    unlink(newDat.c_str());
+    unlink(newIdx.c_str());
+  } else if (access(newIdx.c_str(), F_OK) == 0 &&
+             rename(newIdx.c_str(), (path_ + ".idx").c_str()) != 0) {
+    report("could not finish an interrupted compaction");
   }
 }
 
@@ -199,8 +209,9 @@ bool Store::readIndex(bool swapped) {
     return false;
   }
   if (static_cast<unsigned long long>(st.st_size) == dataSize_) {
-    if (swapped) compact(true);  // rewrites both files little-endian
-    return true;
+    // Rewrites both files little-endian. Should that fail, the store must not go on
+    // writing little-endian slots into big-endian files.
+    return !swapped || rewrite(true);
   }
   if (!swapped) return readIndex(true);  // perhaps the big-endian form
   report("readIndex size mismatch");
@@ -214,7 +225,8 @@ bool Store::writeIndexent(unsigned id, Entry& e) {
   storefmt::storeSlot(raw, storefmt::Slot{id, e.length, e.age});
   if (pwrite(idxFd_, raw, kSlotSize, static_cast<off_t>(e.slot) * kSlotSize) !=
       static_cast<ssize_t>(kSlotSize)) {
-    report(idxFd_ < 0 ? "writeIndexent lseek failed" : "writeIndexent write failed");
+    report(idxFd_ < 0 || positionRejected(errno) ? "writeIndexent lseek failed"
+                                                 : "writeIndexent write failed");
     return false;
   }
   flush();
@@ -223,58 +235,56 @@ bool Store::writeIndexent(unsigned id, Entry& e) {
 
 // --- records --------------------------------------------------------------------------------
 
-// Records are read through a read-only shared mapping of the data file, kept while the file
-// stays open and widened when the file has grown: a get is a bounds check and a decode,
-// without a system call. Writes go through the descriptor; the page cache keeps both views
-// the same.
-const unsigned char* Store::mapData(unsigned long long end) {
-  if (end <= mapSize_) return static_cast<const unsigned char*>(map_);
-  unmapData();
-  struct stat st;
-  if (!openData() || fstat(datFd_, &st) != 0 || static_cast<unsigned long long>(st.st_size) < end) {
-    return nullptr;
-  }
-  void* map = mmap(nullptr, st.st_size, PROT_READ, MAP_SHARED, datFd_, 0);
-  if (map == MAP_FAILED) return nullptr;
-  map_ = map;
-  mapSize_ = st.st_size;
-  return static_cast<const unsigned char*>(map_);
-}
-
-void Store::unmapData() {
-  if (map_ != nullptr) munmap(map_, mapSize_);
-  map_ = nullptr;
-  mapSize_ = 0;
-}
-
-message Store::readMsg(unsigned offset) {
-  const unsigned long long headerEnd = 0ull + offset + kRecordHeaderSize;
-  const unsigned char* data = mapData(headerEnd);
-  if (data == nullptr) {
-    report(datFd_ < 0 ? "readMsg lseek failed" : "readMsg read header failed");
+// Records are read with pread into a buffer kept for the next read, never through a mapping:
+// a data file that shrinks underneath the store (another process, a full or failing flash)
+// must give a short read and a line, not a fault. `hint` is the most the record can need
+// (its extent's length), so that the usual record takes a single system call.
+message Store::readRecord(unsigned offset, unsigned hint) {
+  openData();  // a closed file makes the read fail below, with its own line
+  if (datFd_ < 0) {
+    report("readMsg lseek failed");
     return message();
   }
-  const unsigned length = loadLe16(data + offset);
+  readBuffer_.resize(hint < kRecordHeaderSize ? kRecordHeaderSize : hint);
+  ssize_t n = pread(datFd_, readBuffer_.data(), readBuffer_.size(), offset);
+  if (n < 0 && positionRejected(errno)) {
+    report("readMsg lseek failed");
+    return message();
+  }
+  if (n < static_cast<ssize_t>(kRecordHeaderSize)) {
+    report("readMsg read header failed");
+    return message();
+  }
+  const unsigned length = loadLe16(readBuffer_.data());
   if (length < kRecordHeaderSize) {
     std::cerr << "STORE: readMsg invalid header: msg len " << length << std::endl;
     return message();
   }
-  data = mapData(0ull + offset + length);
-  if (data == nullptr) {
-    report("readMsg read failed");
-    return message();
+  if (n < static_cast<ssize_t>(length)) {
+    readBuffer_.resize(length);
+    const ssize_t more = pread(datFd_, readBuffer_.data() + n, length - n, 0ull + offset + n);
+    if (more != static_cast<ssize_t>(length) - n) {
+      report("readMsg read failed");
+      return message();
+    }
   }
-  return message(data + offset + kRecordHeaderSize, length - kRecordHeaderSize);
+  return message(readBuffer_.data() + kRecordHeaderSize, length - kRecordHeaderSize);
 }
 
-// `record` holds the 2-byte header's room and then the message; one write puts both.
-bool Store::writeMsg(unsigned offset, std::vector<unsigned char>& record) {
+message Store::readMsg(unsigned offset) { return readRecord(offset, kReadAhead); }
+
+// The header and the message go out in one system call.
+bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
   Lock lock(*this);
   if (!openData()) return false;
-  storeLe16(record.data(), static_cast<uint16_t>(record.size()));
-  const ssize_t n = pwrite(datFd_, record.data(), record.size(), offset);
-  if (n != static_cast<ssize_t>(record.size())) {
-    report(n < 0                                         ? "writeMsg lseek failed"
+  unsigned char header[kRecordHeaderSize];
+  storeLe16(header, static_cast<uint16_t>(bytes.size() + kRecordHeaderSize));
+  struct iovec parts[2] = {{header, kRecordHeaderSize},
+                           {const_cast<unsigned char*>(bytes.data()), bytes.size()}};
+  const ssize_t n = pwritev(datFd_, parts, 2, offset);
+  if (n != static_cast<ssize_t>(kRecordHeaderSize + bytes.size())) {
+    // The line names the step that failed: positioning, the header, or the message.
+    report(n < 0 && positionRejected(errno)              ? "writeMsg lseek failed"
            : n < static_cast<ssize_t>(kRecordHeaderSize) ? "writeMsg write header failed"
                                                          : "writeMsg write failed");
     return false;
@@ -287,7 +297,7 @@ bool Store::writeMsg(unsigned offset, std::vector<unsigned char>& record) {
 
 message Store::get(unsigned id) {
   auto it = entries_.find(id);
-  return it == entries_.end() ? message() : readMsg(it->second.offset);
+  return it == entries_.end() ? message() : readRecord(it->second.offset, it->second.length);
 }
 
 // Marks e's slot free and lists its extent: at the front for a removal (the most recently
@@ -305,7 +315,8 @@ void Store::freeExtent(const Entry& e, bool atFront) {
 }
 
 // First fit from the front of the free list; a reused extent is taken whole. Else append.
-void Store::place(Entry& e, unsigned needed) {
+// True when a free extent was reused.
+bool Store::place(Entry& e, unsigned needed) {
   for (auto it = freeList_.begin(); it != freeList_.end(); ++it) {
     if (it->length >= needed) {
       e.offset = it->offset;
@@ -314,7 +325,7 @@ void Store::place(Entry& e, unsigned needed) {
       freeBytes_ -= it->length;
       --freeCount_;
       freeList_.erase(it);
-      return;
+      return true;
     }
   }
   e.offset = dataSize_;
@@ -322,19 +333,18 @@ void Store::place(Entry& e, unsigned needed) {
   e.slot = indexCount_;
   dataSize_ += needed;
   ++indexCount_;
+  return false;
 }
 
 void Store::set(unsigned id, const message& m) {
-  std::vector<unsigned char> record(kRecordHeaderSize + m.max_length());
-  unsigned length = record.size() - kRecordHeaderSize;
-  m.flatten(record.data() + kRecordHeaderSize, &length);
-  record.resize(kRecordHeaderSize + length);
-  const unsigned needed = static_cast<unsigned>(record.size());
+  std::vector<unsigned char> bytes;
+  m.flatten(bytes);
+  const unsigned needed = static_cast<unsigned>(bytes.size()) + kRecordHeaderSize;
   Lock lock(*this);  // one lock over the slot and the record
   auto it = entries_.find(id);
   if (it != entries_.end()) {
     if (it->second.length >= needed) {
-      writeMsg(it->second.offset, record);  // the slot already describes the extent
+      writeMsg(it->second.offset, bytes);  // the slot already describes the extent
       return;
     }
     freeExtent(it->second, false);
@@ -342,8 +352,14 @@ void Store::set(unsigned id, const message& m) {
     it = entries_.insert({id, Entry{0, 0, 0, defaultAge_}}).first;
   }
   Entry& entry = it->second;
-  place(entry, needed);
-  if (writeIndexent(id, entry) && writeMsg(entry.offset, record)) {
+  // A reused extent still holds the record of whatever lived there before, so its record
+  // is written before the slot that points at it: a kill between the two leaves the id
+  // without a value, never with another id's. An appended extent gets its slot first (a
+  // kill between those two writes leaves files whose sizes disagree either way).
+  const bool written = place(entry, needed)
+                           ? writeMsg(entry.offset, bytes) && writeIndexent(id, entry)
+                           : writeIndexent(id, entry) && writeMsg(entry.offset, bytes);
+  if (written) {
     checkForBloat();
     return;
   }
@@ -370,15 +386,18 @@ void Store::touch(unsigned id, unsigned age) {
   writeIndexent(id, it->second);
 }
 
+// The walk goes on from the id after the current one rather than from an iterator: a
+// removal may compact the store, and a compaction that fails may clear the whole map.
 void Store::age() {
   for (auto it = entries_.begin(); it != entries_.end();) {
-    auto current = it++;
-    if (current->second.age > 1) {
-      --current->second.age;
-      writeIndexent(current->first, current->second);
+    const unsigned id = it->first;
+    if (it->second.age > 1) {
+      --it->second.age;
+      writeIndexent(id, it->second);
     } else {
-      remove(current->first);
+      remove(id);
     }
+    it = entries_.upper_bound(id);
   }
 }
 
@@ -415,11 +434,13 @@ void Store::doCompaction() {
   if (bloated()) compact(false);
 }
 
-// The new files are written beside the old ones and renamed over them at the end, data
-// file first. A process killed on the way leaves either the old pair, or a new data file
-// with the old index, whose sizes disagree: the next open wipes the store and says so
-// (`restarted`), where files emptied in place would have come up silently empty.
-void Store::compact(bool swapped) {
+// The new files are written beside the old ones (P.dat.new, P.idx.new, in that order) and
+// renamed over them at the end, data file first. Until the data file is renamed nothing of
+// the store has changed, so any failure before it keeps the old files and the old state.
+// The rename of the data file commits the compaction: from there on the store works on the
+// new files, and an index that could not take its name is left beside them for the next
+// opening to finish.
+bool Store::rewrite(bool swapped) {
   if (getRunner() != nullptr) {
     if (compactTimer_) kl::removeTimer(&compactTimer_);
     if (flushTimer_) kl::removeTimer(&flushTimer_);
@@ -429,52 +450,66 @@ void Store::compact(bool swapped) {
   if (!openIdx() || !openData()) {
     closeIdx();
     closeData();
-    return;
+    return false;
   }
-  const int oldIdx = idxFd_;
-  const int oldDat = datFd_;
   const std::string newDat = path_ + ".dat.new";
   const std::string newIdx = path_ + ".idx.new";
   const int dat = recreate(newDat);
   if (dat < 0) {
     report("compact: could not open new data file");
-    return;
+    return false;
   }
   const int idx = recreate(newIdx);
   if (idx < 0) {
     report("compact: could not open new index file");
     close(dat);
     unlink(newDat.c_str());
-    return;
+    return false;
   }
-  unmapData();
-  idxFd_ = idx;
-  datFd_ = dat;
-  const bool done = copyLiveSlots(oldIdx, oldDat, swapped) && fsync(idx) == 0 && fsync(dat) == 0 &&
-                    rename(newDat.c_str(), (path_ + ".dat").c_str()) == 0 &&
-                    rename(newIdx.c_str(), (path_ + ".idx").c_str()) == 0;
-  close(oldIdx);
-  close(oldDat);
-  if (!done) {
+  Compacted next{entries_, 0, 0};
+  bool ready = copyLiveSlots(idx, dat, swapped, &next);
+  if (ready && (fsync(idx) != 0 || fsync(dat) != 0)) {
+    report("compact: could not sync the new files, the old ones stay");
+    ready = false;
+  }
+  if (ready && rename(newDat.c_str(), (path_ + ".dat").c_str()) != 0) {
+    report("compact: could not rename the new data file, the old files stay");
+    ready = false;
+  }
+  if (!ready) {
+    close(idx);
+    close(dat);
     unlink(newDat.c_str());
     unlink(newIdx.c_str());
-    restart();  // all stored data is lost
+    return false;
   }
+  if (rename(newIdx.c_str(), (path_ + ".idx").c_str()) != 0) {
+    report("compact: could not rename the new index file, the next opening finishes it");
+  }
+  closeIdx();
+  closeData();
+  idxFd_ = idx;
+  datFd_ = dat;
+  entries_.swap(next.entries);
+  freeList_.clear();
+  dataSize_ = next.dataSize;
+  indexCount_ = next.indexCount;
+  freeBytes_ = freeCount_ = 0;
+  return true;
 }
 
-// Streams every live slot and its extent from the old files to the new ones, in slot order;
-// false (after printing why) on any failure.
-bool Store::copyLiveSlots(int oldIdx, int oldDat, bool swapped) {
-  if (lseek(oldIdx, 0, SEEK_SET) < 0) {
+void Store::compact(bool swapped) { rewrite(swapped); }
+
+// Streams every live slot and its extent from the open (old) files to idx and dat, in slot
+// order, placing the entries of `next`; false (after printing why) on any failure.
+bool Store::copyLiveSlots(int idx, int dat, bool swapped, Compacted* next) {
+  if (lseek(idxFd_, 0, SEEK_SET) < 0) {
     report("compact: could not seek to start in index");
     return false;
   }
-  const unsigned oldDataSize = dataSize_;
-  dataSize_ = indexCount_ = freeBytes_ = freeCount_ = 0;
-  freeList_.clear();
   for (;;) {
     unsigned char raw[kSlotSize];
-    const ssize_t n = readFully(oldIdx, raw, kSlotSize);
+    const ssize_t n = readFully(idxFd_, raw, kSlotSize);
     if (n < 0) {
       report("compact read failed");
       return false;
@@ -482,40 +517,40 @@ bool Store::copyLiveSlots(int oldIdx, int oldDat, bool swapped) {
     if (n < static_cast<ssize_t>(kSlotSize)) return true;
     const storefmt::Slot slot = storefmt::loadSlot(raw, swapped);
     if (slot.id == kFreeId) continue;
-    auto it = entries_.find(slot.id);
-    if (it == entries_.end()) {
+    auto it = next->entries.find(slot.id);
+    if (it == next->entries.end()) {
       report("entry in file but not in map!!");
       continue;
     }
     storefmt::storeSlot(raw, slot);
-    if (!writeFully(idxFd_, raw, kSlotSize)) {
+    if (!writeFully(idx, raw, kSlotSize)) {
       report("compact write failed");
       return false;
     }
     // An extent must lie inside the old data file (a damaged index must not make us
     // allocate what its lengths claim).
-    if (it->second.offset > oldDataSize || slot.length > oldDataSize - it->second.offset) {
+    if (it->second.offset > dataSize_ || slot.length > dataSize_ - it->second.offset) {
       report("compact read failed");
       return false;
     }
     std::vector<unsigned char> extent(slot.length);
-    if (lseek(oldDat, it->second.offset, SEEK_SET) < 0) {
+    if (lseek(datFd_, it->second.offset, SEEK_SET) < 0) {
       report("compact lseek failed");
       return false;
     }
-    if (readFully(oldDat, extent.data(), extent.size()) != static_cast<ssize_t>(extent.size())) {
+    if (readFully(datFd_, extent.data(), extent.size()) != static_cast<ssize_t>(extent.size())) {
       report("compact read failed");
       return false;
     }
     if (swapped && extent.size() >= kRecordHeaderSize) std::swap(extent[0], extent[1]);
-    if (!writeFully(datFd_, extent.data(), extent.size())) {
+    if (!writeFully(dat, extent.data(), extent.size())) {
       report("compact write failed");
       return false;
     }
-    it->second.offset = dataSize_;
-    it->second.slot = indexCount_;
-    dataSize_ += slot.length;
-    ++indexCount_;
+    it->second.offset = next->dataSize;
+    it->second.slot = next->indexCount;
+    next->dataSize += slot.length;
+    ++next->indexCount;
   }
 }
 

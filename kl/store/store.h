@@ -13,7 +13,9 @@
 //
 // A store whose files are missing or disagree (data size differs from the sum of the slot
 // lengths in both byte orders) is wiped and starts empty with `restarted` set; this is also
-// what a first run looks like. Failures print one "STORE: " line on the error stream.
+// what a first run looks like. A compaction or conversion interrupted by a kill is undone or
+// finished on opening, so the store opens as the old pair or the new one. Failures print one
+// "STORE: " line on the error stream.
 //
 // Loop thread only. The timers the store arms must not outlive it: destroy the store before
 // the runner, or with the runner still present.
@@ -74,7 +76,8 @@ class Store {
   std::vector<unsigned> ids() const;
 
   // Rewrites both files without free extents; `swapped` reads the old files big-endian.
-  // A failure after the new files exist wipes the store.
+  // A failure before the new files are in place keeps the old files and state, after a
+  // "STORE: compact..." line.
   void compact(bool swapped);
   // Timer body: compacts if the store is still bloated.
   void doCompaction();
@@ -87,17 +90,34 @@ class Store {
   // Unlinks the store's files; the open descriptors and in-memory state stay.
   void deleteFiles();
 
- private:
-  bool bloated() const;
+  // --- the steps the operations above are made of ----------------------------------------
+  // Clears the in-memory state (entries, free list, counters); the files stay as they are.
   void cleanup();
+  // Open the index or the data file unless it is open; false (after its "STORE: " line)
+  // when the file cannot be opened. Neither creates a file.
   bool openIdx();
   bool openData();
+  // Close the file if it is open.
   void closeIdx();
   void closeData();
+  // The message of the record at `offset` in the data file; an empty message, after a
+  // "STORE: readMsg ..." line, when the record cannot be read. Never reads outside the file,
+  // even one that shrank since it was opened.
   message readMsg(unsigned offset);
-  bool writeMsg(unsigned offset, std::vector<unsigned char>& record);
-  const unsigned char* mapData(unsigned long long end);
-  void unmapData();
+  // Writes a record at `offset`: the 2-byte record length (bytes.size() + 2, modulo 65536),
+  // then `bytes`, the message in its wire form. False after a "STORE: writeMsg ..." line.
+  bool writeMsg(unsigned offset, const std::vector<unsigned char>& bytes);
+  // Writes the slot e.slot with id, e.length and e.age. False after a "STORE: writeIndexent
+  // ..." line.
+  bool writeIndexent(unsigned id, Entry& e);
+
+ private:
+  // What readMsg reads at once: most records need a single read.
+  static constexpr unsigned kReadAhead = 512;
+
+  bool bloated() const;
+  void finishRewrite();
+  message readRecord(unsigned offset, unsigned hint);
 
   // The inter-process write lock over <path>.lock, taken once however deeply nested.
   class Lock {
@@ -110,10 +130,17 @@ class Store {
    private:
     Store& store_;
   };
-  bool writeIndexent(unsigned id, Entry& e);
   void freeExtent(const Entry& e, bool atFront);
-  void place(Entry& e, unsigned needed);
-  bool copyLiveSlots(int oldIdx, int oldDat, bool swapped);
+  bool place(Entry& e, unsigned needed);
+  // The state a compaction builds beside the current one.
+  struct Compacted {
+    std::map<unsigned, Entry> entries;
+    unsigned dataSize;
+    unsigned indexCount;
+  };
+  // compact(), true when the new files took the place of the old ones.
+  bool rewrite(bool swapped);
+  bool copyLiveSlots(int idx, int dat, bool swapped, Compacted* next);
 
   std::map<unsigned, Entry> entries_;
   int idxFd_ = -1;
@@ -129,8 +156,7 @@ class Store {
   TimerPtr flushTimer_;
   int lockFd_ = -1;
   int lockDepth_ = 0;
-  void* map_ = nullptr;  // read-only view of the data file
-  unsigned long long mapSize_ = 0;
+  std::vector<unsigned char> readBuffer_;  // kept between reads
 };
 
 }  // namespace kl

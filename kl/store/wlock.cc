@@ -1,6 +1,7 @@
 #include "kl/store/wlock.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <iostream>
@@ -18,20 +19,50 @@ bool setLock(int fd, short type) {
   return fcntl(fd, F_SETLKW, &lock) != -1;
 }
 
+void report(const char* text) { std::cerr << "STORE: " << text << std::endl; }
+
+// Whether fd is the file that bears the name `file` now.
+bool stillNamed(int fd, const std::string& file) {
+  struct stat held, named;
+  return fstat(fd, &held) == 0 && stat(file.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
+         held.st_dev == named.st_dev;
+}
+
 }  // namespace
 
-Wlock::Wlock(const std::string& path)
-    : fd_(open((path + ".lock").c_str(), O_RDWR | O_CREAT, 0600)) {
-  if (fd_ < 0) {
-    std::cerr << "STORE: lock open failed" << std::endl;
-    return;
+// A lock on a file that was deleted (and perhaps created anew by another process) while we
+// waited excludes nobody: the others lock the file that bears the name. So once granted,
+// the lock is checked against the name, and taken again on the new file when it differs.
+bool lockStoreFile(const std::string& file, int* fd) {
+  for (;;) {
+    if (*fd < 0) {
+      *fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+      if (*fd < 0) {
+        report("lock open failed");
+        return false;
+      }
+    }
+    if (!setLock(*fd, F_WRLCK)) {
+      report("lock fnctl failed");
+      return false;
+    }
+    if (stillNamed(*fd, file)) return true;
+    close(*fd);  // releases the lock on the orphaned file
+    *fd = -1;
   }
-  if (!setLock(fd_, F_WRLCK)) std::cerr << "STORE: lock fnctl failed" << std::endl;
 }
+
+bool unlockStoreFile(int fd) {
+  if (setLock(fd, F_UNLCK)) return true;
+  report("unlock fnctl failed");
+  return false;
+}
+
+Wlock::Wlock(const std::string& path) : fd_(-1) { lockStoreFile(path + ".lock", &fd_); }
 
 Wlock::~Wlock() {
   if (fd_ < 0) return;
-  if (!setLock(fd_, F_UNLCK)) std::cerr << "STORE: unlock fnctl failed" << std::endl;
+  unlockStoreFile(fd_);
   close(fd_);
 }
 

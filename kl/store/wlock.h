@@ -3,8 +3,9 @@
 // kl::Wlock: a scoped inter-process write lock on the file <path>.lock (created 0600), a
 // POSIX record lock over the whole file. Construction waits until the lock is granted.
 // Record locks belong to the process: a nested Wlock on the same path does not block, and
-// its release also releases the outer one. Failures print a "STORE: " line and carry on
-// unlocked.
+// its release also releases the outer one. The lock is always on the file that bears the
+// name when it is granted, so a lock file deleted and created anew meanwhile still excludes
+// every writer. Failures print a "STORE: " line and carry on unlocked.
 #ifndef KL_STORE_WLOCK_H_
 #define KL_STORE_WLOCK_H_
 
@@ -22,6 +23,14 @@ class Wlock {
  private:
   int fd_;
 };
+
+// Takes the write lock on `file` through *fd, opening (and creating) the file when *fd is
+// -1, waiting until it is granted. Once granted, when *fd is no longer the file that bears
+// the name (it was deleted meanwhile), *fd is closed and the lock taken on the named file.
+// False after a "STORE: lock ..." line; the caller then goes on unlocked.
+bool lockStoreFile(const std::string& file, int* fd);
+// Releases the lock on fd; false after "STORE: unlock fnctl failed".
+bool unlockStoreFile(int fd);
 
 }  // namespace kl
 
