@@ -10,6 +10,8 @@
 #include "kl/base/endian.h"
 #include "kl/base/ipaddr6.h"
 #include "kl/base/root.h"
+#include "kl/log/logger.h"
+#include "kl/log/lstream.h"
 #include "kl/message/dump.h"
 #include "kl/message/field_id.h"
 #include "kl/message/message.h"
