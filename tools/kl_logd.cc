@@ -211,8 +211,8 @@ void LogService::read(int fd) {
   if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (n <= 0) {
     drop(client, client.pending.empty()
-                     ? std::string("disconnected")
-                     : "disconnected inside a record (" + std::to_string(client.pending.size()) +
+                     ? std::string("went away")
+                     : "went away inside a record (" + std::to_string(client.pending.size()) +
                            " bytes dropped)");
     return;
   }
