@@ -32,7 +32,7 @@ test: build/build.ninja
 	cd build && $(CTEST)
 
 demo: build/build.ninja
-	cmake --build build --target kl-msg build_request loop_demo
+	cmake --build build --target kl-msg build_request loop_demo kl-logd log_demo
 	@sh examples/demo.sh build
 
 asan-test:

@@ -365,6 +365,8 @@ bool LogService::shouldMute(const ClientSource& source) const {
 // still filtered here.
 void LogService::notify(Client& client, unsigned int id, ClientSource& source, bool mute) {
   source.muted = mute;
+  printf("kl-logd: pid %s source %u topics %s %s\n", client.pid.c_str(), id,
+         topicList(source.topics).c_str(), mute ? "muted" : "unmuted");
   unsigned char notice[lf::kNoticeLength];
   lf::encodeNotice(notice, static_cast<uint16_t>(id), mute);
   if (write(client.fd, notice, sizeof notice) != static_cast<ssize_t>(sizeof notice)) {
