@@ -24,5 +24,37 @@ echo "(exit status 1)"
 echo
 echo "== The event loop: a timer, a handled signal and a SIGUSR2 snapshot report:"
 $loop
+
+echo
+echo "== Logging: kl-logd (topic 3 muted) prints what log_demo writes through kl::lstream:"
+logd=$build/tools/kl-logd
+logdemo=$build/examples/log_demo
+logroot=$(mktemp -d)
+KL_ROOT=$logroot $logd --mute 3 </dev/null >"$logroot/logd.out" 2>&1 &
+logd_pid=$!
+trap 'kill "$logd_pid" 2>/dev/null || true; rm -rf "$logroot"' EXIT
+# Waits (at most 5 s) until kl-logd's output holds $1.
+await() {
+  tries=0
+  until grep -q "$1" "$logroot/logd.out"; do
+    tries=$((tries + 1))
+    if [ $tries -gt 100 ]; then echo "kl-logd: no '$1' in its output" >&2; exit 1; fi
+    sleep 0.05
+  done
+}
+await "listening on"
+echo "-- log_demo (its echoed stream and what it learned):"
+KL_ROOT=$logroot $logdemo
+await "went away"  # log_demo's connection closed: every line it sent has been read
+kill -TERM "$logd_pid"
+tries=0
+while kill -0 "$logd_pid" 2>/dev/null; do
+  tries=$((tries + 1))
+  if [ $tries -gt 100 ]; then kill -KILL "$logd_pid"; echo "kl-logd did not stop" >&2; exit 1; fi
+  sleep 0.05
+done
+wait "$logd_pid" || { echo "kl-logd failed" >&2; exit 1; }
+echo "-- kl-logd's output:"
+sed "s#$logroot#\$KL_ROOT#" "$logroot/logd.out"
 echo
 sh examples/demo_services.sh "$build"

@@ -10,6 +10,8 @@
 #include "kl/base/endian.h"
 #include "kl/base/ipaddr6.h"
 #include "kl/base/root.h"
+#include "kl/log/logger.h"
+#include "kl/log/lstream.h"
 #include "kl/looper/handler.h"
 #include "kl/looper/looper.h"
 #include "kl/looper/policies.h"

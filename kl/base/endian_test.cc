@@ -29,6 +29,20 @@ TEST(Endian, KnownPatternsBigEndian) {
   EXPECT_EQ(byteSwap32(0x11223344u), 0x44332211u);
 }
 
+// Host order is the order of the machine's own integers: compared here with the object
+// representation of a uint16_t, which is the one place a test may look at it.
+TEST(Endian, HostOrderIsTheMachinesOrder) {
+  unsigned char b[2];
+  storeHost16(b, 0x0102);
+  const uint16_t native = 0x0102;
+  EXPECT_EQ(0, memcmp(b, &native, 2));
+  EXPECT_EQ(loadHost16(b), 0x0102);
+  storeBe16(b, 0x0a0b);
+  EXPECT_EQ(b[0], 0x0a);
+  EXPECT_EQ(b[1], 0x0b);
+  EXPECT_EQ(loadBe16(b), 0x0a0b);
+}
+
 // Round trips at 2^k - 1, 2^k and 2^k + 1 for every width, at an odd address.
 TEST(Endian, RoundTripsAtPowersOfTwo) {
   unsigned char buf[9];
@@ -42,6 +56,10 @@ TEST(Endian, RoundTripsAtPowersOfTwo) {
       EXPECT_EQ(loadLe32(buf + 1), static_cast<uint32_t>(v));
       storeLe16(buf + 1, static_cast<uint16_t>(v));
       EXPECT_EQ(loadLe16(buf + 1), static_cast<uint16_t>(v));
+      storeBe16(buf + 1, static_cast<uint16_t>(v));
+      EXPECT_EQ(loadBe16(buf + 1), static_cast<uint16_t>(v));
+      storeHost16(buf + 1, static_cast<uint16_t>(v));
+      EXPECT_EQ(loadHost16(buf + 1), static_cast<uint16_t>(v));
       storeBe32(buf + 1, static_cast<uint32_t>(v));
       EXPECT_EQ(loadBe32(buf + 1), static_cast<uint32_t>(v));
     }
