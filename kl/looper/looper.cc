@@ -202,7 +202,8 @@ void Looper::onTransportFailure(void*, FrameFailure what, long result, int err) 
       fprintf(stderr, "LOOPER: write_raw write failed: %ld, errno: %d\n", result, err);
       break;
     case FrameFailure::kTooLarge:
-      fprintf(stderr, "LOOPER: read_raw frame of %ld bytes does not fit in memory\n", result);
+      fprintf(stderr, "LOOPER: read_raw frame of %u bytes does not fit in memory\n",
+              static_cast<unsigned int>(result));
       break;
   }
   KL_CHECK(false);

@@ -49,7 +49,8 @@ std::string failureText(FrameFailure what, long result, int err) {
     case FrameFailure::kReadEof:
       return std::string();  // an ordinary departure
     case FrameFailure::kTooLarge:
-      return "frame of " + std::to_string(result) + " bytes is too large";
+      // The length prefix is unsigned 32-bit; `long` is 32 bits on the device.
+      return "frame of " + std::to_string(static_cast<uint32_t>(result)) + " bytes is too large";
     case FrameFailure::kFlushEof:
     case FrameFailure::kRawEof:
       return "write failed: EOF";
