@@ -31,6 +31,7 @@ void FrameReader::fail(FrameFailure what, long result, int err) {
   start_ = end_ = buf_;
   large_.clear();
   largeHave_ = 0;
+  largeDone_ = false;
   onFailure_(ctx_, what, result, err);
 }
 
@@ -154,39 +155,51 @@ unsigned int FrameReader::readAvailable(unsigned char* dst, unsigned int room) {
 }
 
 bool FrameReader::tryReadMessage(message& m) {
+  const unsigned char* body;
+  uint32_t length;
+  if (!tryReadFrame(&body, &length)) return false;
+  return decode(m, body, length);
+}
+
+bool FrameReader::tryReadFrame(const unsigned char** body, uint32_t* length) {
   if (failed_) return false;
+  if (largeDone_) {  // the block handed out by the previous call
+    std::vector<unsigned char>().swap(large_);
+    largeHave_ = 0;
+    largeDone_ = false;
+  }
   if (!large_.empty()) {
     largeHave_ += readAvailable(large_.data() + largeHave_,
                                 static_cast<unsigned int>(large_.size() - largeHave_));
     if (failed_ || largeHave_ < large_.size()) return false;
-    decode(m, large_.data(), static_cast<uint32_t>(large_.size()));
-    std::vector<unsigned char>().swap(large_);
-    largeHave_ = 0;
+    largeDone_ = true;
+    *body = large_.data();
+    *length = static_cast<uint32_t>(large_.size());
     return true;
   }
   if (!hasBufferedFrame()) {
     compact();
     if (buffered() < kFramePrefixBytes) end_ += readAvailable(end_, freeRoom());
     if (failed_ || buffered() < kFramePrefixBytes) return false;
-    const uint32_t length = loadLe32(start_);
-    if (maxFrame_ != 0 && length > maxFrame_) {
-      fail(FrameFailure::kTooLarge, static_cast<long>(length), 0);
+    const uint32_t frameLength = loadLe32(start_);
+    if (maxFrame_ != 0 && frameLength > maxFrame_) {
+      fail(FrameFailure::kTooLarge, static_cast<long>(frameLength), 0);
       return false;
     }
-    if (static_cast<uint64_t>(length) + kFramePrefixBytes > kReadBufferBytes) {
-      large_.resize(length);
+    if (static_cast<uint64_t>(frameLength) + kFramePrefixBytes > kReadBufferBytes) {
+      large_.resize(frameLength);
       largeHave_ = buffered() - kFramePrefixBytes;
       memcpy(large_.data(), start_ + kFramePrefixBytes, largeHave_);
       start_ = end_ = buf_;
-      return tryReadMessage(m);
+      return tryReadFrame(body, length);
     }
     if (!hasBufferedFrame()) end_ += readAvailable(end_, freeRoom());
     if (failed_ || !hasBufferedFrame()) return false;
   }
-  const uint32_t length = loadLe32(start_);
-  const unsigned char* body = start_ + kFramePrefixBytes;
-  start_ += length + kFramePrefixBytes;
-  return decode(m, body, length);
+  *length = loadLe32(start_);
+  *body = start_ + kFramePrefixBytes;
+  start_ += *length + kFramePrefixBytes;
+  return true;
 }
 
 // --- writing ----------------------------------------------------------------------------

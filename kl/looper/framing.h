@@ -75,6 +75,9 @@ class FrameReader {
   // holds now and returns true with the next complete frame. A partial frame stays
   // buffered, a large one in its own block, until more bytes arrive.
   bool tryReadMessage(message& m);
+  // The same, without decoding: *body and *length := the next complete frame's body, valid
+  // until the next call on this reader. For a router that passes most frames on as bytes.
+  bool tryReadFrame(const unsigned char** body, uint32_t* length);
 
   // Whether a complete frame is buffered (readMessage(m, 0, false) would succeed).
   bool hasBufferedFrame() const;
@@ -107,6 +110,7 @@ class FrameReader {
   // tryReadMessage's block for a frame larger than the buffer's room.
   std::vector<unsigned char> large_;
   size_t largeHave_ = 0;
+  bool largeDone_ = false;  // large_ holds a whole frame already handed out
 };
 
 class FrameWriter {

@@ -108,6 +108,7 @@ class Loader {
   void flushAll();
   void registerProcess(Conn& conn, const message& m);
   void handleControl(Conn& conn, unsigned int code, const message& m);
+  bool routeFlat(Conn& from, const unsigned char* body, uint32_t length, uint32_t now);
   void route(Conn& from, message& m);
   void routeOne(Conn& from, message m, std::vector<unsigned int> to);
   void loaderCommand(Conn& from, const message& m);
