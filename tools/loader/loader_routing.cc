@@ -1,0 +1,204 @@
+// kl-loader's routing: frames passed on as bytes (the fast path), decoded messages routed
+// hop by hop, fan-out, broken paths and the loader's own commands on id 1.
+#include <cstdio>
+#include <iostream>
+#include <utility>
+
+#include "kl/base/clock.h"
+#include "kl/looper/path.h"
+#include "kl/message/dump.h"
+#include "kl/message/system.h"
+#include "tools/loader/flat_frame.h"
+#include "tools/loader/loader.h"
+
+namespace kl {
+namespace loader {
+
+namespace {
+
+constexpr unsigned int kCtrlLeaveRequest = 1;
+
+}  // namespace
+
+// The fast path: a frame whose every destination is connected goes on as bytes, its path
+// records rewritten. False leaves the frame, untouched, to the decoding path.
+bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, uint32_t now) {
+  FlatFrame frame;
+  if (!parseFlatFrame(body, length, &frame)) return false;
+  if (frame.type == TYPE_REQUEST && options_.policies.count(from.id) != 0) return false;
+  if (frame.from.size() >= 0xFFFF) return false;
+  std::vector<unsigned int> to = frame.to;
+  if (!to.empty() && to.front() == PATH_BOTH) to.erase(to.begin());
+  std::vector<std::vector<unsigned int>> groups;
+  if (!to.empty() && to.front() == PATH_MULTI) {
+    size_t pos = 1;
+    while (pos < to.size()) {
+      const size_t count = to[pos];
+      if (count == 0 || count > to.size() - pos - 1) break;
+      const auto first = to.begin() + static_cast<ptrdiff_t>(pos) + 1;
+      groups.emplace_back(first, first + static_cast<ptrdiff_t>(count));
+      pos += 1 + count;
+    }
+  } else {
+    groups.push_back(to);
+  }
+  std::vector<Conn*> targets;
+  for (const std::vector<unsigned int>& group : groups) {
+    if (group.empty() || group.front() == kLoaderId) return false;
+    Conn* dest = byId(group.front());
+    if (dest == nullptr) return false;
+    targets.push_back(dest);
+  }
+  from.askedToLeave = false;
+  std::vector<unsigned int> path = frame.from;
+  path.insert(path.begin(), from.id);
+  for (size_t i = 0; i < groups.size(); ++i) {
+    Conn& dest = *targets[i];
+    if (dest.dead) continue;
+    const std::vector<unsigned int> rest(groups[i].begin() + 1, groups[i].end());
+    uint32_t frameLength;
+    std::unique_ptr<unsigned char[]> out = spliceFrame(frame, rest, path, &frameLength);
+    dest.lastActivity = now;
+    dest.askedToLeave = false;
+    if (dest.writer.queueFrame(std::move(out), frameLength) > 1023) {
+      dest.writer.flush(FrameWriter::kTry);
+    }
+  }
+  return true;
+}
+
+void Loader::route(Conn& from, message& m) {
+  std::vector<unsigned int> to = m.get_u32_array(SYS_TO);
+  // PATH_BOTH asks for the loader's side and the sender's own: the sender delivered its
+  // copy itself, so the rest of the path is routed here.
+  if (!to.empty() && to.front() == PATH_BOTH) to.erase(to.begin());
+  if (!to.empty() && to.front() == PATH_MULTI) {
+    size_t pos = 1;
+    while (pos < to.size()) {
+      const size_t count = to[pos];
+      if (count == 0 || count > to.size() - pos - 1) break;
+      const auto first = to.begin() + static_cast<ptrdiff_t>(pos) + 1;
+      routeOne(from, m, std::vector<unsigned int>(first, first + static_cast<ptrdiff_t>(count)));
+      if (from.dead) return;
+      pos += 1 + count;
+    }
+    return;
+  }
+  routeOne(from, m, to);
+}
+
+void Loader::routeOne(Conn& from, message m, std::vector<unsigned int> to) {
+  if (to.empty() || to.front() == kLoaderId) {
+    loaderCommand(from, m);
+    return;
+  }
+  const unsigned int target = to.front();
+  to.erase(to.begin());
+  m.insert(SYS_TO, to);
+  pushPathFront(m, SYS_FROM, from.id);
+  if (isRequest(m)) {
+    auto policy = options_.policies.find(from.id);
+    if (policy != options_.policies.end()) m.insert(SYS_POLICY, policy->second);
+  }
+  Conn* dest = byId(target);
+  if (dest != nullptr) {
+    trace("route", from, target, m);
+    dest->lastActivity = getJiffies();
+    dest->askedToLeave = false;
+    deliver(*dest, m);
+    return;
+  }
+  auto departed = departed_.find(target);
+  if (departed != departed_.end() && !departed->second.command.empty()) {
+    trace("hold", from, target, m);
+    departed->second.waiting.push_back(m);
+    if (!departed->second.restarting) {
+      departed->second.restarting = true;
+      startService(departed->second.command);
+    }
+    return;
+  }
+  popPathFront(m, SYS_FROM);
+  to.insert(to.begin(), target);
+  answerBrokenPath(from, m, to);
+}
+
+void Loader::answerBrokenPath(Conn& from, const message& m, const std::vector<unsigned int>& rest) {
+  unsigned int code;
+  if (isError(m, &code, nullptr) && code == ERROR_BRKPATH) return;
+  trace("broken path", from, rest.empty() ? 0 : rest.front(), m);
+  if (isReplyExpected(m)) {
+    message error = errorMsg(ERROR_BRKPATH, "");
+    reply(from, m, error);
+    return;
+  }
+  message notice = errorMsg(ERROR_BRKPATH, "");
+  notice.insert(SYS_FROM, rest);
+  notice.insert(SYS_TO, m.get_u32_array(SYS_FROM));
+  deliver(from, notice);
+}
+
+void Loader::reply(Conn& to, const message& request, message& body) {
+  unsigned int requestId;
+  if (!getRequestID(request, &requestId)) return;
+  setRequestID(body, requestId);
+  setType(body, TYPE_REPLY);
+  body.insert(SYS_TO, request.get_u32_array(SYS_FROM));
+  body.insert(SYS_FROM, std::vector<unsigned int>{kLoaderId});
+  deliver(to, body);
+}
+
+void Loader::loaderCommand(Conn& from, const message& m) {
+  trace("loader", from, kLoaderId, m);
+  message body;
+  switch (m.get(SYS_CMD, CMD_NOOP)) {
+    case CMD_NOOP:
+      break;
+    case CMD_GETALL: {
+      std::vector<message::flat_message> list;
+      for (auto& entry : byId_) {
+        const Conn& conn = *entry.second;
+        message proc;
+        proc.insert(STD_ID, conn.id);
+        proc.insert_string(STD_DESCR, conn.command.empty() ? "" : conn.command.front());
+        proc.insert_u32(kProcPid, static_cast<unsigned int>(conn.pid));
+        proc.insert_string(kProcState, conn.running ? "running" : "registered");
+        proc.insert_u32(kProcLeaveValue, conn.leaveValue);
+        list.emplace_back(proc);
+      }
+      for (auto& entry : departed_) {
+        message proc;
+        proc.insert(STD_ID, entry.first);
+        proc.insert_string(STD_DESCR,
+                           entry.second.command.empty() ? "" : entry.second.command.front());
+        proc.insert_string(kProcState, "left");
+        list.emplace_back(proc);
+      }
+      body.insert_message_array(STD_OBJS, list);
+      break;
+    }
+    case kLoaderCmdLeave: {
+      Conn* target = byId(m.get(STD_ID, BADID));
+      if (target == nullptr) {
+        body = errorMsg(ERROR_UNKNOWNID, "");
+        break;
+      }
+      message ask;
+      ask.insert(SYS_CTRL, kCtrlLeaveRequest);
+      deliver(*target, ask);
+      break;
+    }
+    default:
+      body = errorMsg(ERROR_NOTIMP, "");
+      break;
+  }
+  reply(from, m, body);
+}
+
+void Loader::deliver(Conn& to, const message& m) {
+  if (to.dead) return;
+  if (to.writer.queue(m) > 1023) to.writer.flush(FrameWriter::kTry);
+}
+
+}  // namespace loader
+}  // namespace kl
