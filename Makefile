@@ -33,7 +33,7 @@ test: build/build.ninja
 	cd build && $(CTEST)
 
 demo: build/build.ninja
-	cmake --build build --target kl-msg kl-loader kl-logd build_request loop_demo log_demo objects_service watcher_service
+	cmake --build build --target kl-msg kl-loader kl-logd build_request loop_demo log_demo objects_service reget_client watcher_service
 	@sh examples/demo.sh build
 
 asan-test:

@@ -44,6 +44,12 @@ echo
 echo "== kl-msg call 5/2 u32:SYS_CMD=CMD_GETALL (the first chunk of 4, and where to go on):"
 $msg call 5/2 u32:SYS_CMD=CMD_GETALL
 echo
+echo "== kl-msg call --all 5/2 follows the continuation ids through every chunk:"
+$msg call --all 5/2 | grep 'STD_DESCR'
+echo
+echo "== reget_client fetches the whole list with each fetcher:"
+$build/examples/reget_client
+echo
 echo "== kl-msg call 5/2 ... CMD_SETOBJ object 2 -> \"uplink\"; the watcher is told:"
 $msg call 5/2 u32:SYS_CMD=CMD_SETOBJ u32:STD_ID=2 string:STD_DESCR=uplink >/dev/null
 await 'watcher: object 2 is now "uplink"'

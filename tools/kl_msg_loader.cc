@@ -73,12 +73,40 @@ bool exchange(kl::Looper& looper, kl::message& request, const std::string& pathT
   return false;
 }
 
+// call --all: asks again from each reply's STD_GETALLID and prints every object.
+int callAll(kl::Looper& looper, const kl::message& base, const std::string& pathText,
+            unsigned int seconds) {
+  kl::message request = base;
+  if (!request.has(kl::SYS_CMD)) request.insert(kl::SYS_CMD, kl::CMD_GETALL);
+  for (;;) {
+    kl::message sent = request;
+    kl::message reply;
+    if (!exchange(looper, sent, pathText, seconds, &reply)) return 1;
+    for (const kl::message::flat_message& flat : reply.get_message_array(kl::STD_OBJS)) {
+      kl::message(flat).dump2(std::cout, "", 0);
+    }
+    if (!reply.has(kl::STD_GETALLID)) return 0;
+    const unsigned int next = reply.get(kl::STD_GETALLID, 0);
+    // A handler that sends the id it was asked with would be asked for ever.
+    if (request.has(kl::STD_GETALLID) && request.get(kl::STD_GETALLID, 0) == next) {
+      return fail(pathText + ": the continuation id " + std::to_string(next) + " repeats");
+    }
+    request.insert(kl::STD_GETALLID, next);
+  }
+}
+
 }  // namespace
 
 int callCommand(int argc, char** argv, AddFieldFn addField) {
   unsigned int seconds = kDefaultTimeoutSeconds;
+  bool all = false;
   int i = 0;
-  if (i < argc && strcmp(argv[i], "--timeout") == 0) {
+  for (; i < argc && strncmp(argv[i], "--", 2) == 0; ++i) {
+    if (strcmp(argv[i], "--all") == 0) {
+      all = true;
+      continue;
+    }
+    if (strcmp(argv[i], "--timeout") != 0) break;
     if (i + 1 >= argc) return fail("--timeout needs a number of seconds");
     char* end = nullptr;
     const unsigned long v = strtoul(argv[i + 1], &end, 10);
@@ -86,7 +114,7 @@ int callCommand(int argc, char** argv, AddFieldFn addField) {
       return fail(std::string("bad --timeout value '") + argv[i + 1] + "'");
     }
     seconds = static_cast<unsigned int>(v);
-    i += 2;
+    ++i;
   }
   if (i >= argc) return fail("call needs a PATH (see --help)");
   const std::string pathText = argv[i++];
@@ -102,9 +130,12 @@ int callCommand(int argc, char** argv, AddFieldFn addField) {
   if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
   kl::Looper* looper = connect();
   kl::message reply;
-  if (!exchange(*looper, request, pathText, seconds, &reply)) return 1;
-  reply.dump2(std::cout, "", 0);
-  return 0;
+  if (!all) {
+    if (!exchange(*looper, request, pathText, seconds, &reply)) return 1;
+    reply.dump2(std::cout, "", 0);
+    return 0;
+  }
+  return callAll(*looper, request, pathText, seconds);
 }
 
 int listCommand(int argc, char**) {
