@@ -429,13 +429,13 @@ class ServicesTest : public testing::TempRootTest {
     return pid;
   }
 
-  // Starts kl-loader with the test publisher as its service (with `idleLeave`, kl-loader
-  // asks it to leave after a second without traffic), the driver process, and waits until
-  // the publisher answers.
-  bool startLoader(bool idleLeave = false) {
+  // Starts kl-loader (with `loaderOptions`) and the test publisher as its service (with
+  // `publisherOptions`), then the driver process, and waits until the publisher answers.
+  bool startLoader(const std::vector<std::string>& loaderOptions = {},
+                   const std::string& publisherOptions = "") {
     std::vector<std::string> argv = {KL_LOADER_PATH};
-    if (idleLeave) argv.insert(argv.end(), {"--idle-leave", "1"});
-    argv.push_back(std::string(KL_TEST_PUBLISHER_PATH) + (idleLeave ? " --leave" : ""));
+    argv.insert(argv.end(), loaderOptions.begin(), loaderOptions.end());
+    argv.push_back(std::string(KL_TEST_PUBLISHER_PATH) + " " + publisherOptions);
     const int log =
         open(path("/loader.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     loaderPid_ = launch(argv, log, log);
@@ -568,6 +568,13 @@ class ServicesTest : public testing::TempRootTest {
     }
     return message();
   }
+  // Has `s` ask kl-loader to make the publisher leave; returns the tag of the reply.
+  std::string askPublisherToLeave(Service& s) {
+    message leave = request(loader::kLoaderCmdLeave);
+    leave.insert(STD_ID, kPublisherId);
+    return post(s, 0, {loader::kLoaderId}, leave);
+  }
+  unsigned int publisherPid() { return loaderEntry(kPublisherId).get_u32(loader::kProcPid, 0); }
   // Whether `condition` holds within `timeoutMs`, asked every 20 ms.
   static bool eventually(const std::function<bool()>& condition, int timeoutMs = 5000) {
     for (int waited = 0; waited < timeoutMs; waited += 20) {
@@ -677,10 +684,10 @@ TEST_F(ServicesTest, DisconnectRemovesTheDepartedProcessesSubscriptionsOnly) {
 }
 
 TEST_F(ServicesTest, SubscriptionsSurviveALeaveAndAReturn) {
-  ASSERT_TRUE(startLoader(true));
+  ASSERT_TRUE(startLoader({"--idle-leave", "1"}, "--leave"));
   Service& s = service(6);
   ASSERT_TRUE(subscribe(s, 0));
-  const unsigned int firstPid = loaderEntry(kPublisherId).get_u32(loader::kProcPid, 0);
+  const unsigned int firstPid = publisherPid();
   EXPECT_NE(firstPid, 0u);
   // Idle for a second: kl-loader asks the publisher to leave, and it hands over its data.
   EXPECT_TRUE(eventually(
@@ -691,6 +698,34 @@ TEST_F(ServicesTest, SubscriptionsSurviveALeaveAndAReturn) {
   const message entry = loaderEntry(kPublisherId);
   EXPECT_EQ(entry.get_string(loader::kProcState, ""), "running");
   EXPECT_NE(entry.get_u32(loader::kProcPid, 0), firstPid);
+  EXPECT_EQ(subscriberPaths(), std::vector<Path>({{6}}));
+}
+
+// A subscription sent right behind a leave request: kl-loader holds it until the publisher
+// answers, so the instance that serves it next gets it, whether the publisher agreed to
+// leave or refused.
+TEST_F(ServicesTest, SubscriptionDuringAnAgreedLeaveGoesToTheNextInstance) {
+  ASSERT_TRUE(startLoader({}, "--leave"));
+  Service& s = service(6);
+  const unsigned int firstPid = publisherPid();
+  const std::string asked = askPublisherToLeave(s);
+  ASSERT_TRUE(subscribe(s, 0));
+  Report r;
+  ASSERT_TRUE(s.take(asked, &r));
+  EXPECT_EQ(errorCode(r.msg), 0u);
+  EXPECT_NE(publisherPid(), firstPid);
+  EXPECT_EQ(subscriberPaths(), std::vector<Path>({{6}}));
+  EXPECT_EQ(errorCode(change({2})), 0u);
+  EXPECT_EQ(objectIds(notification(s)), std::vector<unsigned int>({2}));
+}
+
+TEST_F(ServicesTest, SubscriptionDuringARefusedLeaveGoesToTheSameInstance) {
+  ASSERT_TRUE(startLoader());  // the publisher offers no leave value: it refuses
+  Service& s = service(6);
+  const unsigned int firstPid = publisherPid();
+  askPublisherToLeave(s);
+  ASSERT_TRUE(subscribe(s, 0));
+  EXPECT_EQ(publisherPid(), firstPid);
   EXPECT_EQ(subscriberPaths(), std::vector<Path>({{6}}));
 }
 
