@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "kl/base/clock.h"
 #include "kl/looper/handler.h"
 #include "kl/looper/looper.h"
 #include "kl/message/system.h"
@@ -212,9 +213,10 @@ class AgentLooper : public Looper {
     } else if (verb == "await") {
       std::string to;
       in >> to;
-      for (int attempt = 0; attempt < 250; ++attempt) {
+      const uint32_t start = getJiffies();
+      while (getJiffies() - start < 500) {
         message m = noop(parsePath(to));
-        if (!isError(exchangeMessage(m, 100), nullptr, nullptr)) {
+        if (!isError(exchangeMessage(m, 20), nullptr, nullptr)) {
           reporter_->line("reachable");
           return;
         }
@@ -676,6 +678,15 @@ TEST_F(ServicesTest, DisconnectRemovesTheDepartedProcessesSubscriptionsOnly) {
   ASSERT_TRUE(subscribe(x, kAgentHandler));
   ASSERT_TRUE(subscribe(y, 0));
   EXPECT_EQ(subscriberPaths(), std::vector<Path>({{5}, {5, kAgentHandler}, {6}}));
+  // One notification, fanned out by kl-loader to all three, two of them in one process.
+  EXPECT_EQ(errorCode(change({1})), 0u);
+  Report r;
+  ASSERT_TRUE(x.take("in", &r));
+  EXPECT_EQ(r.handler, 0u);  // its Looper, then its handler, in the order they subscribed
+  ASSERT_TRUE(x.take("in", &r));
+  EXPECT_EQ(r.handler, kAgentHandler);
+  EXPECT_EQ(objectIds(r.msg), std::vector<unsigned int>({1}));
+  EXPECT_EQ(objectIds(notification(y)), std::vector<unsigned int>({1}));
   EXPECT_EQ(x.quit(), 0);
   EXPECT_TRUE(eventually([&] { return subscriberPaths().size() == 1; }));
   unsigned int unsubscribes = 0;
@@ -799,7 +810,13 @@ TEST_F(ServicesTest, KlMsgListenPrintsObjectsAndUnsubscribesOnInterrupt) {
 
   kill(listener, SIGINT);
   int status = -1;
-  for (int waited = 0; waitpid(listener, &status, WNOHANG) == 0 && waited < 5000; waited += 10) {
+  for (int waited = 0; waitpid(listener, &status, WNOHANG) == 0; waited += 10) {
+    if (waited > 5000) {
+      ADD_FAILURE() << "kl-msg listen did not end on SIGINT";
+      kill(listener, SIGKILL);
+      waitpid(listener, &status, 0);
+      break;
+    }
     usleep(10 * 1000);
   }
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
