@@ -28,6 +28,7 @@ namespace {
 
 constexpr unsigned int kCtrlLeaveRequest = 1;
 constexpr unsigned int kCtrlLeaveAgree = 2;
+constexpr unsigned int kCtrlLeaveRefuse = 3;
 constexpr unsigned int kCtrlRegister = 5;
 constexpr unsigned int kCtrlRunning = 6;
 constexpr unsigned int kCtrlLeaveSetting = 7;
@@ -283,11 +284,18 @@ void Loader::checkIdle() {
     Conn& conn = *entry.second;
     if (conn.leaveValue == 0 || conn.askedToLeave || conn.command.empty()) continue;
     if (now - conn.lastActivity < idleTicks) continue;
-    message ask;
-    ask.insert(SYS_CTRL, kCtrlLeaveRequest);
     conn.askedToLeave = true;
-    deliver(conn, ask);
+    askToLeave(conn);
   }
+}
+
+// Until the process answers, what arrives for it is held: a change it handled after saving
+// its data for the next instance would be lost with it.
+void Loader::askToLeave(Conn& conn) {
+  message ask;
+  ask.insert(SYS_CTRL, kCtrlLeaveRequest);
+  deliver(conn, ask);
+  conn.holding = true;
 }
 
 // --- frames ----------------------------------------------------------------------------------
@@ -369,12 +377,18 @@ void Loader::handleControl(Conn& conn, unsigned int code, const message& m) {
         departed.hasData = true;
       }
       if (options_.trace) printf("kl-loader: %s leaves\n", describe(conn).c_str());
-      // The process has agreed; ending it is the loader's part.
+      // The process has agreed; ending it is the loader's part. Frames for it stay held
+      // until the connection closes, then wait for the next instance.
       if (conn.pid > 0) kill(conn.pid, SIGTERM);
       break;
     }
+    case kCtrlLeaveRefuse:
+      conn.holding = false;
+      for (const message& held : conn.held) deliver(conn, held);
+      conn.held.clear();
+      break;
     default:
-      break;  // 3 (refused) and 4 (announces leaving) need nothing here
+      break;  // 4 (announces leaving) needs nothing here
   }
 }
 
@@ -397,11 +411,26 @@ void Loader::closeConn(Conn* conn, const std::string& why) {
   runner_.removeSocket(conn->fd);
   close(conn->fd);
   const unsigned int id = conn->id;
-  const bool announce = conn->registered && departed_.count(id) == 0;
-  if (conn->registered) byId_.erase(id);
-  conns_.erase(conn->fd);
+  const bool registered = conn->registered;
+  std::vector<message> held;
+  held.swap(conn->held);
+  if (registered) byId_.erase(id);
+  conns_.erase(conn->fd);  // `conn` is gone from here on
+  if (!registered) return;
+  auto departed = departed_.find(id);
   // A process that agreed to leave will be back: nobody forgets it.
-  if (announce) announceDeparture(id);
+  if (departed == departed_.end()) {
+    announceDeparture(id);
+    return;
+  }
+  if (held.empty()) return;
+  // What arrived while it was leaving goes to the next instance, started now.
+  std::vector<message>& waiting = departed->second.waiting;
+  waiting.insert(waiting.end(), held.begin(), held.end());
+  if (!departed->second.restarting && !departed->second.command.empty()) {
+    departed->second.restarting = true;
+    startService(departed->second.command);
+  }
 }
 
 void Loader::announceDeparture(unsigned int id) {

@@ -7,6 +7,8 @@
 // element of SYS_TO, answers broken paths, announces departures with CMD_DISCONNECTED,
 // keeps the persistent data of a process that leaves and returns it when that id registers
 // again, and starts a service it started again when a frame arrives for it after it left.
+// Frames for a process asked to leave wait for its answer: a refusal lets them through, an
+// agreement keeps them for the next instance.
 //
 // Handler id 1 is the loader itself: CMD_GETALL lists the processes, CMD_NOOP answers
 // empty, kLoaderCmdLeave asks process STD_ID to leave.
@@ -73,6 +75,10 @@ class Loader {
     bool running = false;
     bool dead = false;
     bool askedToLeave = false;
+    // Asked to leave and not refused: frames for it wait in `held`. They go to it when it
+    // refuses, or to its next instance when it agreed and is gone.
+    bool holding = false;
+    std::vector<message> held;
     unsigned int id = 0;
     pid_t pid = 0;
     unsigned int leaveValue = 0;
@@ -120,6 +126,7 @@ class Loader {
   bool startService(const std::vector<std::string>& command);
   void reapChildren();
   void checkIdle();
+  void askToLeave(Conn& conn);
   Conn* byId(unsigned int id);
   std::string describe(const Conn& conn) const;
   void trace(const char* what, const Conn& from, unsigned int to, const message& m);

@@ -14,12 +14,6 @@
 namespace kl {
 namespace loader {
 
-namespace {
-
-constexpr unsigned int kCtrlLeaveRequest = 1;
-
-}  // namespace
-
 // The fast path: a frame whose every destination is connected goes on as bytes, its path
 // records rewritten. False leaves the frame, untouched, to the decoding path.
 bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, uint32_t now) {
@@ -46,7 +40,7 @@ bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, u
   for (const std::vector<unsigned int>& group : groups) {
     if (group.empty() || group.front() == kLoaderId) return false;
     Conn* dest = byId(group.front());
-    if (dest == nullptr) return false;
+    if (dest == nullptr || dest->holding) return false;
     targets.push_back(dest);
   }
   from.askedToLeave = false;
@@ -101,6 +95,11 @@ void Loader::routeOne(Conn& from, message m, std::vector<unsigned int> to) {
     if (policy != options_.policies.end()) m.insert(SYS_POLICY, policy->second);
   }
   Conn* dest = byId(target);
+  if (dest != nullptr && dest->holding) {
+    trace("hold", from, target, m);
+    dest->held.push_back(m);
+    return;
+  }
   if (dest != nullptr) {
     trace("route", from, target, m);
     dest->lastActivity = getJiffies();
@@ -183,9 +182,7 @@ void Loader::loaderCommand(Conn& from, const message& m) {
         body = errorMsg(ERROR_UNKNOWNID, "");
         break;
       }
-      message ask;
-      ask.insert(SYS_CTRL, kCtrlLeaveRequest);
-      deliver(*target, ask);
+      askToLeave(*target);
       break;
     }
     default:
