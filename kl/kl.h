@@ -20,6 +20,7 @@
 #include "kl/message/message.h"
 #include "kl/message/system.h"
 #include "kl/runner/crash_report.h"
+#include "kl/runner/fault_guard.h"
 #include "kl/runner/runner.h"
 #include "kl/runner/thin_runner.h"
 #include "kl/store/allocator.h"

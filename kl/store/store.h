@@ -101,8 +101,18 @@ class Store {
   void closeIdx();
   void closeData();
   // The message of the record at `offset` in the data file; an empty message, after a
-  // "STORE: readMsg ..." line, when the record cannot be read. Never reads outside the file,
-  // even one that shrank since it was opened.
+  // "STORE: readMsg ..." line, when the record cannot be read. Never faults and never reads
+  // past the end of the file, even one that another process shrank since it was opened.
+  //
+  // How: a record is copied out of a read-only shared mapping of the data file inside a
+  // guarded read (kl/runner/fault_guard.h), so that a page the file no longer has ends the
+  // copy instead of the process. Past its end a file's mapping reads as zeros up to the next
+  // page, so the copy is taken only when a byte at or just after the record's last byte still
+  // reads non-zero once the copy is done: the file then reached that far while it was copied
+  // (a file only shrinks under the store, it does not shrink and grow back between two
+  // reads). Otherwise (a fault, a record ending in zeros at the end of the file, a record
+  // header that disagrees with its extent) the record is read with pread, which names the
+  // step that failed. Reads take no system call on the first path.
   message readMsg(unsigned offset);
   // Writes a record at `offset`: the 2-byte record length (bytes.size() + 2, modulo 65536),
   // then `bytes`, the message in its wire form. False after a "STORE: writeMsg ..." line.
@@ -114,10 +124,16 @@ class Store {
  private:
   // What readMsg reads at once: most records need a single read.
   static constexpr unsigned kReadAhead = 512;
+  // The smallest view of the data file that is mapped; a view is made twice as long as the
+  // file it first had to cover, so that a growing file is seldom mapped again.
+  static constexpr unsigned long long kMinMapLength = 1 << 20;
 
   bool bloated() const;
   void finishRewrite();
   message readRecord(unsigned offset, unsigned hint);
+  unsigned copyMapped(unsigned offset, unsigned limit);
+  bool mapData(unsigned long long end);
+  void unmapData();
 
   // The inter-process write lock over <path>.lock, taken once however deeply nested.
   class Lock {
@@ -157,6 +173,8 @@ class Store {
   int lockFd_ = -1;
   int lockDepth_ = 0;
   std::vector<unsigned char> readBuffer_;  // kept between reads
+  const unsigned char* map_ = nullptr;     // read-only view of the data file, or null
+  size_t mapLength_ = 0;                   // may reach past the end of the file
 };
 
 }  // namespace kl
