@@ -143,6 +143,7 @@ void Store::restart() {
   closeIdx();
   closeData();
   cleanup();
+  bigEndian_ = false;
   int fd = recreate(path_ + ".dat");
   if (fd < 0) {
     report("restart open .dat failed");
@@ -217,16 +218,29 @@ bool Store::readIndex(bool swapped) {
     return false;
   }
   if (static_cast<unsigned long long>(st.st_size) == dataSize_) {
-    // Rewrites both files little-endian. Should that fail, the store must not go on
-    // writing little-endian slots into big-endian files.
-    return !swapped || rewrite(true);
+    // Rewrites both files little-endian. Should that fail, the old files are whole: they stay
+    // and are served as they are, but never written, as little-endian slots and records in
+    // big-endian files would ruin them.
+    if (swapped && !rewrite(true)) {
+      bigEndian_ = true;
+      report("big-endian files could not be converted, kept read-only");
+    }
+    return true;
   }
   if (!swapped) return readIndex(true);  // perhaps the big-endian form
   report("readIndex size mismatch");
   return false;
 }
 
+// Whether the store is read-only, after a line naming the operation it refuses.
+bool Store::refused(const char* operation) const {
+  if (!bigEndian_) return false;
+  std::cerr << "STORE: " << operation << " refused: big-endian files kept read-only" << std::endl;
+  return true;
+}
+
 bool Store::writeIndexent(unsigned id, Entry& e) {
+  if (refused("writeIndexent")) return false;
   Lock lock(*this);
   openIdx();
   unsigned char raw[kSlotSize];
@@ -263,7 +277,7 @@ message Store::readRecord(unsigned offset, unsigned hint) {
     report("readMsg read header failed");
     return message();
   }
-  const unsigned length = loadLe16(readBuffer_.data());
+  const unsigned length = bigEndian_ ? loadBe16(readBuffer_.data()) : loadLe16(readBuffer_.data());
   if (length < kRecordHeaderSize) {
     std::cerr << "STORE: readMsg invalid header: msg len " << length << std::endl;
     return message();
@@ -291,13 +305,14 @@ struct MappedRecord {
   unsigned char* dst;        // room for `limit` bytes
   unsigned limit;            // the most the record may take
   size_t probeEnd;           // bytes from src that lie inside the file and the mapping
+  bool bigEndian;            // the record's header is big-endian
   unsigned length;           // out: the record's length, 0 when it was not taken
 };
 
 // Runs under the fault guard: plain memory reads and a copy, nothing else.
 void copyMappedRecord(void* ctx) {
   MappedRecord& r = *static_cast<MappedRecord*>(ctx);
-  const unsigned length = loadLe16(r.src);
+  const unsigned length = r.bigEndian ? loadBe16(r.src) : loadLe16(r.src);
   if (length < kRecordHeaderSize || length > r.limit) return;
   memcpy(r.dst, r.src, length);
   // The look past the record must happen after the copy, on the processor too.
@@ -324,7 +339,7 @@ unsigned Store::copyMapped(unsigned offset, unsigned limit) {
   if (end > mapLength_ && !mapData(end)) return 0;
   if (readBuffer_.size() < limit) readBuffer_.resize(limit);
   const size_t inside = dataSize_ < mapLength_ ? dataSize_ : mapLength_;
-  MappedRecord record{map_ + offset, readBuffer_.data(), limit, inside - offset, 0};
+  MappedRecord record{map_ + offset, readBuffer_.data(), limit, inside - offset, bigEndian_, 0};
   return guardedRead(copyMappedRecord, &record) ? record.length : 0;
 }
 
@@ -353,6 +368,7 @@ message Store::readMsg(unsigned offset) {
 
 // The header and the message go out in one system call.
 bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
+  if (refused("writeMsg")) return false;
   Lock lock(*this);
   if (!openData()) return false;
   unsigned char header[kRecordHeaderSize];
@@ -419,6 +435,7 @@ bool Store::place(Entry& e, unsigned needed) {
 }
 
 void Store::set(unsigned id, const message& m) {
+  if (refused("set")) return;
   std::vector<unsigned char> bytes;
   m.flatten(bytes);
   const unsigned needed = static_cast<unsigned>(bytes.size()) + kRecordHeaderSize;
@@ -453,6 +470,7 @@ void Store::set(unsigned id, const message& m) {
 }
 
 bool Store::remove(unsigned id) {
+  if (refused("remove")) return false;
   auto it = entries_.find(id);
   if (it == entries_.end()) return false;
   freeExtent(it->second, true);
@@ -462,6 +480,7 @@ bool Store::remove(unsigned id) {
 }
 
 void Store::touch(unsigned id, unsigned age) {
+  if (refused("touch")) return;
   auto it = entries_.find(id);
   if (it == entries_.end()) return;
   it->second.age = age;
@@ -471,6 +490,7 @@ void Store::touch(unsigned id, unsigned age) {
 // The walk goes on from the id after the current one rather than from an iterator: a
 // removal may compact the store, and a compaction that fails may clear the whole map.
 void Store::age() {
+  if (refused("age")) return;
   for (auto it = entries_.begin(); it != entries_.end();) {
     const unsigned id = it->first;
     if (it->second.age > 1) {
@@ -503,7 +523,7 @@ void Store::doFlush() {
 bool Store::bloated() const { return freeBytes_ > (dataSize_ >> 3) && freeCount_ > 8; }
 
 void Store::checkForBloat() {
-  if (compactTimer_ || !bloated()) return;
+  if (bigEndian_ || compactTimer_ || !bloated()) return;
   if (getRunner() != nullptr) {
     compactTimer_ = addTimer(this, &Store::doCompaction, 6000);
   } else {
@@ -580,7 +600,9 @@ bool Store::rewrite(bool swapped) {
   return true;
 }
 
-void Store::compact(bool swapped) { rewrite(swapped); }
+void Store::compact(bool swapped) {
+  if (rewrite(swapped || bigEndian_)) bigEndian_ = false;
+}
 
 // Streams every live slot and its extent from the open (old) files to idx and dat, in slot
 // order, placing the entries of `next`; false (after printing why) on any failure.

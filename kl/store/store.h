@@ -17,6 +17,12 @@
 // finished on opening, so the store opens as the old pair or the new one. Failures print one
 // "STORE: " line on the error stream.
 //
+// Files in the big-endian form are converted to the little-endian form when the store opens.
+// Should the conversion fail (no room for the new files, a full flash), the big-endian files
+// stay as they are and the store is read-only (`readOnly()`): every message can be read,
+// every write (set, remove, touch, age, writeMsg, writeIndexent) is refused with a line and
+// changes nothing. compact(), or the next opening, tries the conversion again.
+//
 // Loop thread only. The timers the store arms must not outlive it: destroy the store before
 // the runner, or with the runner still present.
 #ifndef KL_STORE_STORE_H_
@@ -60,7 +66,7 @@ class Store {
   // Stores or replaces the message under id. A write failure loses the message (the id is
   // then unknown) after printing its line. REQUIRES: m flattens below 65534 bytes.
   void set(unsigned id, const message& m);
-  // Frees the id's extent. False when id is unknown.
+  // Frees the id's extent. False when id is unknown or the store is read-only.
   bool remove(unsigned id);
   // Sets the id's age counter; nothing when id is unknown.
   void touch(unsigned id, unsigned age);
@@ -71,13 +77,15 @@ class Store {
   // fsync of both files now.
   void doFlush();
 
+  // Whether the store holds big-endian files it could not convert, and refuses writes.
+  bool readOnly() const { return bigEndian_; }
   // Whether id is stored; the stored ids in ascending order.
   bool has(unsigned id) const { return entries_.count(id) != 0; }
   std::vector<unsigned> ids() const;
 
-  // Rewrites both files without free extents; `swapped` reads the old files big-endian.
-  // A failure before the new files are in place keeps the old files and state, after a
-  // "STORE: compact..." line.
+  // Rewrites both files without free extents; `swapped` reads the old files big-endian (so
+  // does a read-only store, which is then converted). A failure before the new files are in
+  // place keeps the old files and state, after a "STORE: compact..." line.
   void compact(bool swapped);
   // Timer body: compacts if the store is still bloated.
   void doCompaction();
@@ -85,7 +93,8 @@ class Store {
   void checkForBloat();
   // Rebuilds the in-memory state from the index; false when the files disagree.
   bool readIndex(bool swapped);
-  // Replaces both files by empty ones and clears the in-memory state.
+  // Replaces both files by empty ones and clears the in-memory state (a read-only store
+  // becomes writable).
   void restart();
   // Unlinks the store's files; the open descriptors and in-memory state stay.
   void deleteFiles();
@@ -129,6 +138,7 @@ class Store {
   static constexpr unsigned long long kMinMapLength = 1 << 20;
 
   bool bloated() const;
+  bool refused(const char* operation) const;
   void finishRewrite();
   message readRecord(unsigned offset, unsigned hint);
   unsigned copyMapped(unsigned offset, unsigned limit);
@@ -170,6 +180,7 @@ class Store {
   unsigned defaultAge_;
   TimerPtr compactTimer_;
   TimerPtr flushTimer_;
+  bool bigEndian_ = false;  // the files are still big-endian: read-only
   int lockFd_ = -1;
   int lockDepth_ = 0;
   std::vector<unsigned char> readBuffer_;  // kept between reads
