@@ -23,6 +23,7 @@
 #include "kl/reget/async_reget.h"
 #include "kl/reget/reget.h"
 #include "kl/runner/crash_report.h"
+#include "kl/runner/fault_guard.h"
 #include "kl/runner/runner.h"
 #include "kl/runner/thin_runner.h"
 #include "kl/store/allocator.h"

@@ -34,6 +34,9 @@
 //
 // Until its final line the handler uses only write, read, open, readlink, lseek, fstat and
 // getpid with buffers prepared in advance; it never allocates.
+//
+// A SIGBUS inside a guarded read (kl/runner/fault_guard.h) is no crash: the handler hands it
+// back to that read at once and writes nothing.
 #ifndef KL_RUNNER_CRASH_REPORT_H_
 #define KL_RUNNER_CRASH_REPORT_H_
 

@@ -94,6 +94,7 @@ bool Runner::setSigaction(int sig, RunnerSigaction how) {
   struct sigaction* old = entry.how == SIGACT_RESTORE ? &entry.prior : nullptr;
   // A failure leaves the disposition, but not the pipe count, as it was.
   if (sigaction(sig, &action, old) == -1) return false;
+  if (sig == SIGBUS) internal::sigbusActionChanged();  // guarded reads check it again
   entry.how = how;
   return true;
 }

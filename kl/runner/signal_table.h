@@ -39,6 +39,14 @@ extern SignalTable signalTable;
 
 // Installs the crash handler for the fatal signals and SIGUSR2, and prepares its paths.
 void installCrashHandler();
+// The crash handler itself (kl/runner/crash_report.cc).
+void crashHandler(int sig, siginfo_t* info, void* context);
+
+// The fault guard's side (kl/runner/fault_guard.h): whether a guarded read is running; the
+// jump back into it, for a SIGBUS handler; and the note that SIGBUS's action has changed.
+bool faultGuardActive();
+[[noreturn]] void leaveFaultGuard();
+void sigbusActionChanged();
 
 }  // namespace internal
 }  // namespace kl

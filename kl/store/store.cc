@@ -1,13 +1,18 @@
 #include "kl/store/store.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <iostream>
+#include <limits>
 
+#include "kl/runner/fault_guard.h"
 #include "kl/store/store_format.h"
 #include "kl/store/wlock.h"
 
@@ -122,7 +127,10 @@ bool Store::openData() {
 }
 
 void Store::closeIdx() { closeIfOpen(idxFd_); }
-void Store::closeData() { closeIfOpen(datFd_); }
+void Store::closeData() {
+  unmapData();
+  closeIfOpen(datFd_);
+}
 
 void Store::cleanup() {
   entries_.clear();
@@ -135,6 +143,7 @@ void Store::restart() {
   closeIdx();
   closeData();
   cleanup();
+  bigEndian_ = false;
   int fd = recreate(path_ + ".dat");
   if (fd < 0) {
     report("restart open .dat failed");
@@ -209,16 +218,29 @@ bool Store::readIndex(bool swapped) {
     return false;
   }
   if (static_cast<unsigned long long>(st.st_size) == dataSize_) {
-    // Rewrites both files little-endian. Should that fail, the store must not go on
-    // writing little-endian slots into big-endian files.
-    return !swapped || rewrite(true);
+    // Rewrites both files little-endian. Should that fail, the old files are whole: they stay
+    // and are served as they are, but never written, as little-endian slots and records in
+    // big-endian files would ruin them.
+    if (swapped && !rewrite(true)) {
+      bigEndian_ = true;
+      report("big-endian files could not be converted, kept read-only");
+    }
+    return true;
   }
   if (!swapped) return readIndex(true);  // perhaps the big-endian form
   report("readIndex size mismatch");
   return false;
 }
 
+// Whether the store is read-only, after a line naming the operation it refuses.
+bool Store::refused(const char* operation) const {
+  if (!bigEndian_) return false;
+  std::cerr << "STORE: " << operation << " refused: big-endian files kept read-only" << std::endl;
+  return true;
+}
+
 bool Store::writeIndexent(unsigned id, Entry& e) {
+  if (refused("writeIndexent")) return false;
   Lock lock(*this);
   openIdx();
   unsigned char raw[kSlotSize];
@@ -235,10 +257,10 @@ bool Store::writeIndexent(unsigned id, Entry& e) {
 
 // --- records --------------------------------------------------------------------------------
 
-// Records are read with pread into a buffer kept for the next read, never through a mapping:
-// a data file that shrinks underneath the store (another process, a full or failing flash)
-// must give a short read and a line, not a fault. `hint` is the most the record can need
-// (its extent's length), so that the usual record takes a single system call.
+// The slow path of a read: pread into the buffer kept for the next read. A data file that
+// shrank underneath the store (another process, a full or failing flash) gives a short read
+// and the line of the step that failed. `hint` is the most the record can need (its extent's
+// length), so that the usual record takes a single system call.
 message Store::readRecord(unsigned offset, unsigned hint) {
   openData();  // a closed file makes the read fail below, with its own line
   if (datFd_ < 0) {
@@ -255,7 +277,7 @@ message Store::readRecord(unsigned offset, unsigned hint) {
     report("readMsg read header failed");
     return message();
   }
-  const unsigned length = loadLe16(readBuffer_.data());
+  const unsigned length = bigEndian_ ? loadBe16(readBuffer_.data()) : loadLe16(readBuffer_.data());
   if (length < kRecordHeaderSize) {
     std::cerr << "STORE: readMsg invalid header: msg len " << length << std::endl;
     return message();
@@ -271,10 +293,82 @@ message Store::readRecord(unsigned offset, unsigned hint) {
   return message(readBuffer_.data() + kRecordHeaderSize, length - kRecordHeaderSize);
 }
 
-message Store::readMsg(unsigned offset) { return readRecord(offset, kReadAhead); }
+namespace {
+
+// How far past a record's last byte the fast read looks for a non-zero byte (the slack or the
+// next record's header) when that last byte is zero.
+constexpr unsigned kProbeBytes = 8;
+
+// A record to copy out of the mapping of the data file.
+struct MappedRecord {
+  const unsigned char* src;  // the record's first byte in the mapping
+  unsigned char* dst;        // room for `limit` bytes
+  unsigned limit;            // the most the record may take
+  size_t probeEnd;           // bytes from src that lie inside the file and the mapping
+  bool bigEndian;            // the record's header is big-endian
+  unsigned length;           // out: the record's length, 0 when it was not taken
+};
+
+// Runs under the fault guard: plain memory reads and a copy, nothing else.
+void copyMappedRecord(void* ctx) {
+  MappedRecord& r = *static_cast<MappedRecord*>(ctx);
+  const unsigned length = r.bigEndian ? loadBe16(r.src) : loadLe16(r.src);
+  if (length < kRecordHeaderSize || length > r.limit) return;
+  memcpy(r.dst, r.src, length);
+  // The look past the record must happen after the copy, on the processor too.
+  std::atomic_thread_fence(std::memory_order_acquire);
+  const volatile unsigned char* bytes = r.src;
+  const size_t end = r.probeEnd < length - 1 + kProbeBytes ? r.probeEnd : length - 1 + kProbeBytes;
+  for (size_t i = length - 1; i < end; ++i) {
+    if (bytes[i] != 0) {
+      r.length = length;
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+// The fast path of a read (see readMsg in the header): the length of the record now in
+// readBuffer_, or 0 when the record must be read with pread.
+unsigned Store::copyMapped(unsigned offset, unsigned limit) {
+  if (datFd_ < 0 || offset >= dataSize_) return 0;
+  if (limit > dataSize_ - offset) limit = dataSize_ - offset;
+  if (limit > 0xFFFF) limit = 0xFFFF;  // the longest record its header can describe
+  const unsigned long long end = 0ull + offset + limit;
+  if (end > mapLength_ && !mapData(end)) return 0;
+  if (readBuffer_.size() < limit) readBuffer_.resize(limit);
+  const size_t inside = dataSize_ < mapLength_ ? dataSize_ : mapLength_;
+  MappedRecord record{map_ + offset, readBuffer_.data(), limit, inside - offset, bigEndian_, 0};
+  return guardedRead(copyMappedRecord, &record) ? record.length : 0;
+}
+
+bool Store::mapData(unsigned long long end) {
+  unmapData();
+  const unsigned long long length = 2 * end < kMinMapLength ? kMinMapLength : 2 * end;
+  if (length > std::numeric_limits<size_t>::max()) return false;
+  void* map = mmap(nullptr, static_cast<size_t>(length), PROT_READ, MAP_SHARED, datFd_, 0);
+  if (map == MAP_FAILED) return false;
+  map_ = static_cast<const unsigned char*>(map);
+  mapLength_ = static_cast<size_t>(length);
+  return true;
+}
+
+void Store::unmapData() {
+  if (map_ != nullptr) munmap(const_cast<unsigned char*>(map_), mapLength_);
+  map_ = nullptr;
+  mapLength_ = 0;
+}
+
+message Store::readMsg(unsigned offset) {
+  const unsigned length = copyMapped(offset, kRecordHeaderSize + 0xFFFF);
+  return length != 0 ? message(readBuffer_.data() + kRecordHeaderSize, length - kRecordHeaderSize)
+                     : readRecord(offset, kReadAhead);
+}
 
 // The header and the message go out in one system call.
 bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
+  if (refused("writeMsg")) return false;
   Lock lock(*this);
   if (!openData()) return false;
   unsigned char header[kRecordHeaderSize];
@@ -297,7 +391,11 @@ bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
 
 message Store::get(unsigned id) {
   auto it = entries_.find(id);
-  return it == entries_.end() ? message() : readRecord(it->second.offset, it->second.length);
+  if (it == entries_.end()) return message();
+  const Entry& e = it->second;
+  const unsigned length = copyMapped(e.offset, e.length);
+  return length != 0 ? message(readBuffer_.data() + kRecordHeaderSize, length - kRecordHeaderSize)
+                     : readRecord(e.offset, e.length);
 }
 
 // Marks e's slot free and lists its extent: at the front for a removal (the most recently
@@ -337,6 +435,7 @@ bool Store::place(Entry& e, unsigned needed) {
 }
 
 void Store::set(unsigned id, const message& m) {
+  if (refused("set")) return;
   std::vector<unsigned char> bytes;
   m.flatten(bytes);
   const unsigned needed = static_cast<unsigned>(bytes.size()) + kRecordHeaderSize;
@@ -371,6 +470,7 @@ void Store::set(unsigned id, const message& m) {
 }
 
 bool Store::remove(unsigned id) {
+  if (refused("remove")) return false;
   auto it = entries_.find(id);
   if (it == entries_.end()) return false;
   freeExtent(it->second, true);
@@ -380,6 +480,7 @@ bool Store::remove(unsigned id) {
 }
 
 void Store::touch(unsigned id, unsigned age) {
+  if (refused("touch")) return;
   auto it = entries_.find(id);
   if (it == entries_.end()) return;
   it->second.age = age;
@@ -389,6 +490,7 @@ void Store::touch(unsigned id, unsigned age) {
 // The walk goes on from the id after the current one rather than from an iterator: a
 // removal may compact the store, and a compaction that fails may clear the whole map.
 void Store::age() {
+  if (refused("age")) return;
   for (auto it = entries_.begin(); it != entries_.end();) {
     const unsigned id = it->first;
     if (it->second.age > 1) {
@@ -421,7 +523,7 @@ void Store::doFlush() {
 bool Store::bloated() const { return freeBytes_ > (dataSize_ >> 3) && freeCount_ > 8; }
 
 void Store::checkForBloat() {
-  if (compactTimer_ || !bloated()) return;
+  if (bigEndian_ || compactTimer_ || !bloated()) return;
   if (getRunner() != nullptr) {
     compactTimer_ = addTimer(this, &Store::doCompaction, 6000);
   } else {
@@ -498,7 +600,9 @@ bool Store::rewrite(bool swapped) {
   return true;
 }
 
-void Store::compact(bool swapped) { rewrite(swapped); }
+void Store::compact(bool swapped) {
+  if (rewrite(swapped || bigEndian_)) bigEndian_ = false;
+}
 
 // Streams every live slot and its extent from the open (old) files to idx and dat, in slot
 // order, placing the entries of `next`; false (after printing why) on any failure.

@@ -17,6 +17,12 @@
 // finished on opening, so the store opens as the old pair or the new one. Failures print one
 // "STORE: " line on the error stream.
 //
+// Files in the big-endian form are converted to the little-endian form when the store opens.
+// Should the conversion fail (no room for the new files, a full flash), the big-endian files
+// stay as they are and the store is read-only (`readOnly()`): every message can be read,
+// every write (set, remove, touch, age, writeMsg, writeIndexent) is refused with a line and
+// changes nothing. compact(), or the next opening, tries the conversion again.
+//
 // Loop thread only. The timers the store arms must not outlive it: destroy the store before
 // the runner, or with the runner still present.
 #ifndef KL_STORE_STORE_H_
@@ -60,7 +66,7 @@ class Store {
   // Stores or replaces the message under id. A write failure loses the message (the id is
   // then unknown) after printing its line. REQUIRES: m flattens below 65534 bytes.
   void set(unsigned id, const message& m);
-  // Frees the id's extent. False when id is unknown.
+  // Frees the id's extent. False when id is unknown or the store is read-only.
   bool remove(unsigned id);
   // Sets the id's age counter; nothing when id is unknown.
   void touch(unsigned id, unsigned age);
@@ -71,13 +77,15 @@ class Store {
   // fsync of both files now.
   void doFlush();
 
+  // Whether the store holds big-endian files it could not convert, and refuses writes.
+  bool readOnly() const { return bigEndian_; }
   // Whether id is stored; the stored ids in ascending order.
   bool has(unsigned id) const { return entries_.count(id) != 0; }
   std::vector<unsigned> ids() const;
 
-  // Rewrites both files without free extents; `swapped` reads the old files big-endian.
-  // A failure before the new files are in place keeps the old files and state, after a
-  // "STORE: compact..." line.
+  // Rewrites both files without free extents; `swapped` reads the old files big-endian (so
+  // does a read-only store, which is then converted). A failure before the new files are in
+  // place keeps the old files and state, after a "STORE: compact..." line.
   void compact(bool swapped);
   // Timer body: compacts if the store is still bloated.
   void doCompaction();
@@ -85,7 +93,8 @@ class Store {
   void checkForBloat();
   // Rebuilds the in-memory state from the index; false when the files disagree.
   bool readIndex(bool swapped);
-  // Replaces both files by empty ones and clears the in-memory state.
+  // Replaces both files by empty ones and clears the in-memory state (a read-only store
+  // becomes writable).
   void restart();
   // Unlinks the store's files; the open descriptors and in-memory state stay.
   void deleteFiles();
@@ -101,8 +110,18 @@ class Store {
   void closeIdx();
   void closeData();
   // The message of the record at `offset` in the data file; an empty message, after a
-  // "STORE: readMsg ..." line, when the record cannot be read. Never reads outside the file,
-  // even one that shrank since it was opened.
+  // "STORE: readMsg ..." line, when the record cannot be read. Never faults and never reads
+  // past the end of the file, even one that another process shrank since it was opened.
+  //
+  // How: a record is copied out of a read-only shared mapping of the data file inside a
+  // guarded read (kl/runner/fault_guard.h), so that a page the file no longer has ends the
+  // copy instead of the process. Past its end a file's mapping reads as zeros up to the next
+  // page, so the copy is taken only when a byte at or just after the record's last byte still
+  // reads non-zero once the copy is done: the file then reached that far while it was copied
+  // (a file only shrinks under the store, it does not shrink and grow back between two
+  // reads). Otherwise (a fault, a record ending in zeros at the end of the file, a record
+  // header that disagrees with its extent) the record is read with pread, which names the
+  // step that failed. Reads take no system call on the first path.
   message readMsg(unsigned offset);
   // Writes a record at `offset`: the 2-byte record length (bytes.size() + 2, modulo 65536),
   // then `bytes`, the message in its wire form. False after a "STORE: writeMsg ..." line.
@@ -114,10 +133,17 @@ class Store {
  private:
   // What readMsg reads at once: most records need a single read.
   static constexpr unsigned kReadAhead = 512;
+  // The smallest view of the data file that is mapped; a view is made twice as long as the
+  // file it first had to cover, so that a growing file is seldom mapped again.
+  static constexpr unsigned long long kMinMapLength = 1 << 20;
 
   bool bloated() const;
+  bool refused(const char* operation) const;
   void finishRewrite();
   message readRecord(unsigned offset, unsigned hint);
+  unsigned copyMapped(unsigned offset, unsigned limit);
+  bool mapData(unsigned long long end);
+  void unmapData();
 
   // The inter-process write lock over <path>.lock, taken once however deeply nested.
   class Lock {
@@ -154,9 +180,12 @@ class Store {
   unsigned defaultAge_;
   TimerPtr compactTimer_;
   TimerPtr flushTimer_;
+  bool bigEndian_ = false;  // the files are still big-endian: read-only
   int lockFd_ = -1;
   int lockDepth_ = 0;
   std::vector<unsigned char> readBuffer_;  // kept between reads
+  const unsigned char* map_ = nullptr;     // read-only view of the data file, or null
+  size_t mapLength_ = 0;                   // may reach past the end of the file
 };
 
 }  // namespace kl
