@@ -9,7 +9,8 @@ namespace kl {
 
 // times(NULL) plus 30000, which moves the system tick counter's start to zero. When times()
 // reports -1 the value taken is -errno instead (the C library reports some valid tick counts
-// as errors).
+// as errors). A call within the same coarse clock instant as the previous one on this thread
+// returns the previous value without a system call (the tick count cannot have moved).
 unsigned int getJiffies();
 
 }  // namespace kl

@@ -28,18 +28,22 @@ void copyList(message::Rep* to, const message::litem* node) {
   for (; node != nullptr; node = node->next) {
     visitItem(node, [to](const auto* it) {
       using V = std::remove_const_t<decltype(it->value)>;
-      item<V>* copy = to->newItem<V>(it->id);
-      copy->value = it->value;
-      to->link(copy);
+      to->link(to->newItem<V>(it->id, it->value));
     });
   }
 }
 
 // The shared empty representation is never counted: it is never freed, and every write
 // to a handle holding it makes a fresh one first (message::unique).
+// A count of 1 means this handle is the only one: no other can take a share meanwhile, so
+// the Rep goes without the atomic decrement, which costs more than the rest of releasing a
+// small message.
 void release(message::Rep* rep) {
   if (rep == nilRep()) return;
-  if (rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) message::Rep::destroy(rep);
+  if (rep->refs.load(std::memory_order_acquire) == 1 ||
+      rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    message::Rep::destroy(rep);
+  }
 }
 
 void retain(message::Rep* rep) {
@@ -313,35 +317,35 @@ flat_message& message::get_message_ref(uint32_t id) {
 
 void message::insert_u64(uint32_t id, unsigned long long value) {
   unique();
-  findOrCreateIn<unsigned long long>(rep_, withType(id, kTypeU64)) = value;
+  storeIn<unsigned long long>(rep_, withType(id, kTypeU64), value);
 }
 void message::insert_addr6(uint32_t id, const IPAddr6& value) {
   unique();
-  findOrCreateIn<IPAddr6>(rep_, withType(id, kTypeAddr6)) = value;
+  storeIn<IPAddr6>(rep_, withType(id, kTypeAddr6), value);
 }
 void message::insert_string(uint32_t id, const std::string& value) {
   unique();
-  findOrCreateIn<std::string>(rep_, withType(id, kTypeString)) = value;
+  storeIn<std::string>(rep_, withType(id, kTypeString), value);
 }
 void message::insert_raw(uint32_t id, const Bytes& value) {
   unique();
-  findOrCreateIn<Bytes>(rep_, withType(id, kTypeRaw)) = value;
+  storeIn<Bytes>(rep_, withType(id, kTypeRaw), value);
 }
 void message::insert_string(uint32_t id, std::string&& value) {
   unique();
-  findOrCreateIn<std::string>(rep_, withType(id, kTypeString)) = std::move(value);
+  storeIn<std::string>(rep_, withType(id, kTypeString), std::move(value));
 }
 void message::insert_raw(uint32_t id, Bytes&& value) {
   unique();
-  findOrCreateIn<Bytes>(rep_, withType(id, kTypeRaw)) = std::move(value);
+  storeIn<Bytes>(rep_, withType(id, kTypeRaw), std::move(value));
 }
 void message::insert_message(uint32_t id, flat_message&& value) {
   unique();
-  findOrCreateIn<flat_message>(rep_, withType(id, kTypeMessage)) = std::move(value);
+  storeIn<flat_message>(rep_, withType(id, kTypeMessage), std::move(value));
 }
 void message::insert_message(uint32_t id, const flat_message& value) {
   unique();
-  findOrCreateIn<flat_message>(rep_, withType(id, kTypeMessage)) = value;
+  storeIn<flat_message>(rep_, withType(id, kTypeMessage), value);
 }
 
 unsigned int message::size_field(uint32_t id) const {
@@ -433,50 +437,50 @@ std::vector<unsigned int>& message::operator[](u32_array_id id) {
 
 void message::insert_bool_array(uint32_t id, const std::vector<bool>& value) {
   unique();
-  findOrCreateIn<std::vector<bool> >(rep_, arrayOf(id, kTypeBool)) = value;
+  storeIn<std::vector<bool> >(rep_, arrayOf(id, kTypeBool), value);
 }
 void message::insert_u32_array(uint32_t id, const std::vector<unsigned int>& value) {
   unique();
-  findOrCreateIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32)) = value;
+  storeIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32), value);
 }
 void message::insert_u32_array(uint32_t id, std::vector<unsigned int>&& value) {
   unique();
-  findOrCreateIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32)) = std::move(value);
+  storeIn<std::vector<unsigned int> >(rep_, arrayOf(id, kTypeU32), std::move(value));
 }
 void message::insert_string_array(uint32_t id, std::vector<std::string>&& value) {
   unique();
-  findOrCreateIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString)) = std::move(value);
+  storeIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString), std::move(value));
 }
 void message::insert_raw_array(uint32_t id, std::vector<Bytes>&& value) {
   unique();
-  findOrCreateIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw)) = std::move(value);
+  storeIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw), std::move(value));
 }
 void message::insert_message_array(uint32_t id, std::vector<flat_message>&& value) {
   unique();
-  findOrCreateIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage)) = std::move(value);
+  storeIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage), std::move(value));
 }
 void message::insert_be32_array(uint32_t id, const std::vector<unsigned int>& value) {
   insert_u32_array(id, swapped(value));
 }
 void message::insert_u64_array(uint32_t id, const std::vector<unsigned long long>& value) {
   unique();
-  findOrCreateIn<std::vector<unsigned long long> >(rep_, arrayOf(id, kTypeU64)) = value;
+  storeIn<std::vector<unsigned long long> >(rep_, arrayOf(id, kTypeU64), value);
 }
 void message::insert_addr6_array(uint32_t id, const std::vector<IPAddr6>& value) {
   unique();
-  findOrCreateIn<std::vector<IPAddr6> >(rep_, arrayOf(id, kTypeAddr6)) = value;
+  storeIn<std::vector<IPAddr6> >(rep_, arrayOf(id, kTypeAddr6), value);
 }
 void message::insert_string_array(uint32_t id, const std::vector<std::string>& value) {
   unique();
-  findOrCreateIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString)) = value;
+  storeIn<std::vector<std::string> >(rep_, arrayOf(id, kTypeString), value);
 }
 void message::insert_raw_array(uint32_t id, const std::vector<Bytes>& value) {
   unique();
-  findOrCreateIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw)) = value;
+  storeIn<std::vector<Bytes> >(rep_, arrayOf(id, kTypeRaw), value);
 }
 void message::insert_message_array(uint32_t id, const std::vector<flat_message>& value) {
   unique();
-  findOrCreateIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage)) = value;
+  storeIn<std::vector<flat_message> >(rep_, arrayOf(id, kTypeMessage), value);
 }
 
 unsigned int message::size_bool_array(uint32_t id) const { return countOf(get_bool_array_ref(id)); }

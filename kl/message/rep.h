@@ -25,6 +25,7 @@
 #include <new>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "kl/message/htable.h"
@@ -43,6 +44,9 @@ struct message::litem {
 
 template <class V>
 struct item : message::litem {
+  // The value is built from `args` (zero or empty without any).
+  template <class... Args>
+  explicit item(Args&&... args) : message::litem{0, nullptr}, value(std::forward<Args>(args)...) {}
   V value;
 };
 
@@ -109,17 +113,18 @@ struct alignas(8) message::Rep {  // 8: the node pool follows it
     return nullptr;
   }
 
-  // A new node for `id` holding a zero or empty V, not yet linked.
-  template <class V>
-  item<V>* newItem(uint32_t id) {
+  // A new node for `id` whose value is built from `args` (zero or empty without any), not
+  // yet linked.
+  template <class V, class... Args>
+  item<V>* newItem(uint32_t id, Args&&... args) {
     constexpr uint32_t size = (sizeof(item<V>) + 7) & ~7u;
     static_assert(alignof(item<V>) <= 8, "pool nodes are 8-byte aligned");
     item<V>* node;
     if (poolUsed + size <= poolSize) {
-      node = new (pool() + poolUsed) item<V>();
+      node = new (pool() + poolUsed) item<V>(std::forward<Args>(args)...);
       poolUsed += size;
     } else {
-      node = new item<V>();
+      node = new item<V>(std::forward<Args>(args)...);
     }
     node->id = id;
     return node;
@@ -269,6 +274,18 @@ V& findOrCreateIn(message::Rep* r, uint32_t id) {
   item<V>* node = r->newItem<V>(id);
   r->link(node);
   return node->value;
+}
+
+// Stores `value` under `id`: assigned to the node that holds `id`, or copied or moved into
+// a new node at the head of its list (no empty value made first and then overwritten).
+// REQUIRES: V is the value type of `id`'s type bits.
+template <class V, class U>
+void storeIn(message::Rep* r, uint32_t id, U&& value) {
+  if (const V* found = findIn<V>(r, id)) {
+    *const_cast<V*>(found) = std::forward<U>(value);
+  } else {
+    r->link(r->newItem<V>(id, std::forward<U>(value)));
+  }
 }
 
 }  // namespace kl

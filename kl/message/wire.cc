@@ -2,6 +2,8 @@
 // described in kl/message/wire_format.h.
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <type_traits>
 
 #include "kl/base/endian.h"
 #include "kl/message/rep.h"
@@ -31,8 +33,22 @@ struct Writer {
     storeLe64(p, v);
     p += 8;
   }
+  // Short values (most strings, every nested flag or name) are copied with fixed-size moves
+  // that the compiler inlines, two overlapping ones covering the length; longer ones call
+  // memcpy.
   void bytes(const void* src, size_t n) {
-    if (n != 0) memcpy(p, src, n);
+    const unsigned char* s = static_cast<const unsigned char*>(src);
+    if (n >= 8 && n <= 16) {
+      memcpy(p, s, 8);
+      memcpy(p + n - 8, s + n - 8, 8);
+    } else if (n >= 4 && n < 8) {
+      memcpy(p, s, 4);
+      memcpy(p + n - 4, s + n - 4, 4);
+    } else if (n < 4) {
+      for (size_t i = 0; i < n; ++i) p[i] = s[i];
+    } else {
+      memcpy(p, s, n);
+    }
     p += n;
   }
 };
@@ -294,7 +310,15 @@ bool decodeBlob(message::Rep* r, Cursor& c, uint32_t id, bool shortForm) {
   const unsigned char* data;
   unsigned int n;
   if (!c.span(shortForm, &data, &n)) return false;
-  assignBytes(&findOrCreateIn<Blob>(r, id), data, n);
+  if (const Blob* found = findIn<Blob>(r, id)) {
+    assignBytes(const_cast<Blob*>(found), data, n);
+  } else {
+    if constexpr (std::is_same<Blob, std::string>::value) {
+      r->link(r->newItem<Blob>(id, reinterpret_cast<const char*>(data), n));
+    } else {
+      r->link(r->newItem<Blob>(id, Bytes(data, data + n)));
+    }
+  }
   return true;
 }
 
@@ -329,13 +353,13 @@ bool decodeRecord(message::Rep* r, Cursor& c, uint32_t word) {
     case kTypeU64: {
       unsigned long long v;
       if (!c.u64(&v)) return false;
-      findOrCreateIn<unsigned long long>(r, id) = v;
+      storeIn<unsigned long long>(r, id, v);
       return true;
     }
     case kTypeAddr6: {
       IPAddr6 v;
       if (!c.bytes(v.bytes, 16)) return false;
-      findOrCreateIn<IPAddr6>(r, id) = v;
+      storeIn<IPAddr6>(r, id, v);
       return true;
     }
     case kTypeString:
@@ -473,9 +497,21 @@ bool message::flatten(unsigned char* buf, unsigned int* len) const {
   return fits;
 }
 
+// A small message is encoded on the stack and copied once into a vector of its exact size:
+// cheaper than clearing a vector of the size bound first, and no bound-sized capacity is
+// left held by every nested message.
 void message::flatten(std::vector<unsigned char>& out) const {
-  out.resize(max_length());
-  unsigned int len = out.size();
+  constexpr unsigned int kOnStack = 512;
+  const unsigned int bound = max_length();
+  if (bound <= kOnStack) {
+    unsigned char buf[kOnStack];
+    unsigned int len = kOnStack;
+    flatten(buf, &len);
+    out.assign(buf, buf + len);
+    return;
+  }
+  out.resize(bound);
+  unsigned int len = bound;
   flatten(out.data(), &len);
   out.resize(len);
 }

@@ -241,6 +241,11 @@ TEST(Wire, DecodedScalarsOverwriteAndArraysReplace) {
   EXPECT_EQ(m.get_u32_array(0x88000001), (std::vector<unsigned int>{9}));
   EXPECT_EQ(m.get_string(2, ""), "new");
   EXPECT_EQ(m.get_u32(3, 0), 3u);
+  // Overwritten in place: one record each, and the message equals one built directly.
+  message expected = src;
+  expected.insert_u32(3, 3);
+  EXPECT_TRUE(m == expected);
+  EXPECT_EQ(flat(m).size(), flat(expected).size());
 }
 
 TEST(Wire, MalformedBuffersFail) {
@@ -404,6 +409,34 @@ TEST(Wire, EveryTypeRoundTrips) {
   message again;
   ASSERT_TRUE(decode(flat(back), &again));
   EXPECT_TRUE(again == m);
+}
+
+// Values of every length up to well past the short copies the encoder makes for short
+// values, as scalars and as array elements, on both sides of the 512-byte bound under
+// which a message is encoded on the stack: exact bytes, and the same value back.
+TEST(Wire, ValuesOfEveryShortLengthEncodeExactly) {
+  for (size_t n : {0, 1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 23, 24, 31, 32, 33, 255, 256, 500, 600}) {
+    SCOPED_TRACE("length " + std::to_string(n));
+    std::string value;
+    for (size_t i = 0; i < n; ++i) value += static_cast<char>('a' + i % 26);
+    message m;
+    m.insert_string(3, value);
+    Bytes expected = fromHex(n <= 255 ? "4D3203000021" : "4D3203000020");
+    if (n <= 255) {
+      expected.push_back(static_cast<unsigned char>(n));
+    } else {
+      expected.push_back(static_cast<unsigned char>(n & 0xff));
+      expected.push_back(static_cast<unsigned char>(n >> 8));
+    }
+    expected.insert(expected.end(), value.begin(), value.end());
+    EXPECT_EQ(toHex(flat(m)), toHex(expected));
+
+    m.insert_raw_array(4, {Bytes(value.begin(), value.end()), Bytes(n / 2, 0xEE)});
+    message back;
+    ASSERT_TRUE(decode(flat(m), &back));
+    EXPECT_EQ(back.get_string(3, "?"), value);
+    EXPECT_TRUE(back == m);
+  }
 }
 
 TEST(Wire, TooSmallBufferWarns) {

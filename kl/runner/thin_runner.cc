@@ -58,8 +58,7 @@ bool ThinRunner::removeSocket(int fd) {
 // --- timers ---------------------------------------------------------------------------------
 
 ThinRunner::TimerInfo* ThinRunner::newTimer(void* ctx, Callback fn, uint32_t expiry) {
-  TimerInfo* t = static_cast<TimerInfo*>(malloc(sizeof(TimerInfo)));
-  KL_CHECK(t != nullptr);
+  TimerInfo* t = timerPool_.get();
   *t = TimerInfo{ctx, fn, expiry, TimerInfo::kNotInHeap};
   return t;
 }
@@ -86,7 +85,7 @@ void ThinRunner::joinHeap(std::vector<TimerInfo*>& list, uint32_t now, bool rela
   waiting.swap(list);
   for (TimerInfo* t : waiting) {
     if (t->fn == nullptr) {
-      free(t);  // cancelled while it waited
+      timerPool_.put(t);  // cancelled while it waited
       continue;
     }
     if (relative) t->expiry += now;
@@ -103,7 +102,7 @@ void ThinRunner::addDelayedTimers() {
 bool ThinRunner::cancel(TimerInfo* t) {
   if (t->index != TimerInfo::kNotInHeap) {
     heap_.removeTimer(t);
-    free(t);
+    timerPool_.put(t);
   } else {
     t->fn = nullptr;
   }
@@ -134,7 +133,7 @@ void ThinRunner::runTimers() {
     // Out of the heap now: a removal through its handle inside the callback only marks it.
     t->index = TimerInfo::kNotInHeap;
     if (t->fn != nullptr) t->fn(t->ctx);
-    free(t);
+    timerPool_.put(t);
   }
   inTimers_ = false;
   joinHeap(added_, now, false);
@@ -224,7 +223,7 @@ void ThinRunner::run() {
 }
 
 void ThinRunner::shutdown() {
-  for (uint32_t i = 0; i < heap_.size(); ++i) free(heap_.at(i));
+  for (uint32_t i = 0; i < heap_.size(); ++i) timerPool_.put(heap_.at(i));
   heap_.clear();
   added_.clear();
   delayed_.clear();

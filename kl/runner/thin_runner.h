@@ -146,6 +146,7 @@ class ThinRunner {
   std::vector<pollfd> polls_;
   std::vector<SockInfo*> socks_;
   bool inTimers_ = false;
+  TimerPool timerPool_;  // declared before every list of records: destroyed after them
   TimerHeap heap_;
   std::vector<TimerInfo*> added_;    // armed while timers run
   std::vector<TimerInfo*> delayed_;  // relative expiries, countdown not started

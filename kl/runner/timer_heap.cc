@@ -1,6 +1,26 @@
 #include "kl/runner/timer_heap.h"
 
+#include <cstdlib>
+
+#include "kl/base/check.h"
+
 namespace kl {
+
+TimerPool::~TimerPool() {
+  while (blocks_ != nullptr) {
+    Block* next = blocks_->next;
+    free(blocks_);
+    blocks_ = next;
+  }
+}
+
+void TimerPool::addBlock() {
+  Block* b = static_cast<Block*>(malloc(sizeof(Block)));
+  KL_CHECK(b != nullptr);
+  b->next = blocks_;
+  blocks_ = b;
+  fresh_ = 0;
+}
 
 namespace {
 

@@ -17,7 +17,7 @@
 
 namespace kl {
 
-// One armed timer. Allocated with malloc and freed with free by the runner that holds it.
+// One armed timer, taken from and given back to the TimerPool of the runner that holds it.
 struct TimerInfo {
   static constexpr uint32_t kNotInHeap = 0xFFFFFFFFu;
 
@@ -34,6 +34,48 @@ constexpr uint32_t kTickSpan = 359999;
 inline bool tickReached(uint32_t expiry, uint32_t now) {
   return now == expiry || expiry + kTickSpan - now <= kTickSpan - 1;
 }
+
+// Storage for timer records. Records come in blocks of kBlock, and a released record goes
+// on a free list from which the next one is taken, so arming and cancelling cost no
+// malloc() or free() once the pool has grown to the most timers ever armed at once. Blocks
+// are freed only with the pool. Not thread-safe.
+class TimerPool {
+ public:
+  static constexpr uint32_t kBlock = 64;
+
+  TimerPool() = default;
+  TimerPool(const TimerPool&) = delete;
+  TimerPool& operator=(const TimerPool&) = delete;
+  // Frees every block, records still in use included.
+  ~TimerPool();
+
+  // An unused record (its fields unset).
+  TimerInfo* get() {
+    if (free_ != nullptr) {
+      TimerInfo* t = free_;
+      free_ = static_cast<TimerInfo*>(t->ctx);
+      return t;
+    }
+    if (fresh_ == kBlock) addBlock();
+    return &blocks_->records[fresh_++];
+  }
+  // Gives a record back; the next get() returns it.
+  void put(TimerInfo* t) {
+    t->ctx = free_;
+    free_ = t;
+  }
+
+ private:
+  struct Block {
+    Block* next;
+    TimerInfo records[kBlock];
+  };
+  void addBlock();
+
+  TimerInfo* free_ = nullptr;  // linked through ctx
+  Block* blocks_ = nullptr;    // newest first
+  uint32_t fresh_ = kBlock;    // records of blocks_ handed out so far
+};
 
 class TimerHeap {
  public:

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace kl {
 namespace {
@@ -98,6 +99,29 @@ TEST(TickReached, WithinTheSpan) {
     SCOPED_TRACE(std::to_string(c.expiry) + " at " + std::to_string(c.now));
     EXPECT_EQ(tickReached(c.expiry, c.now), c.reached);
   }
+}
+
+// The pool hands back released records first, newest first, and otherwise distinct records
+// across block boundaries; the sanitizer build checks that it frees every block.
+TEST(TimerPoolTest, ReusesReleasedRecordsBeforeTakingNewOnes) {
+  TimerPool pool;
+  std::vector<TimerInfo*> taken;
+  for (uint32_t i = 0; i < 3 * TimerPool::kBlock + 1; ++i) {
+    TimerInfo* t = pool.get();
+    *t = TimerInfo{nullptr, nullptr, i, TimerInfo::kNotInHeap};
+    taken.push_back(t);
+  }
+  std::vector<TimerInfo*> sorted = taken;
+  std::sort(sorted.begin(), sorted.end());
+  EXPECT_EQ(std::adjacent_find(sorted.begin(), sorted.end()), sorted.end());
+  for (uint32_t i = 0; i < taken.size(); ++i) EXPECT_EQ(taken[i]->expiry, i);
+
+  pool.put(taken[5]);
+  pool.put(taken[70]);
+  EXPECT_EQ(pool.get(), taken[70]);
+  EXPECT_EQ(pool.get(), taken[5]);
+  TimerInfo* fresh = pool.get();
+  EXPECT_EQ(std::find(taken.begin(), taken.end(), fresh), taken.end());
 }
 
 }  // namespace
