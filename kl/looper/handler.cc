@@ -15,8 +15,9 @@ message notImplemented() { return errorMsg(ERROR_NOTIMP, ""); }
 Handler::Handler() = default;
 
 Handler::~Handler() {
-  // The runner goes before the Looper's own Handler part: then there is nothing to remove.
-  if (getLooper() == nullptr || getRunner() == nullptr) return;
+  // The runner goes before the Looper's own Handler part, and a shut-down runner has freed
+  // every timer already: then there is nothing to remove.
+  if (getLooper() == nullptr || getRunner() == nullptr || getLooper()->isShutDown()) return;
   for (auto& entry : replyHandlers_) {
     if (entry.second.timer) removeTimer(entry.second.timer);
   }

@@ -211,12 +211,14 @@ void Handler::sendNotify(message& m) {
   KL_CHECK(m.has(kl::SYS_CMD));
   const unsigned int count = getObjectCount();
   if (count != 0xFFFFFFFFu) m.insert(STD_OBJ_COUNT, count);
-  bool addressed = false;
-  std::vector<unsigned int> to;
+  // A notification may come addressed already; subscribers are added to its path.
+  bool addressed = m.has(SYS_TO);
+  std::vector<unsigned int> to = m.get_u32_array(SYS_TO);
   for (size_t i = 0; i < subscriptions_.size(); ++i) {
     const message& record = subscriptions_[i];
+    if (!shouldNotify(record, m)) continue;
     const std::vector<unsigned int>* path = record.get_u32_array_ref(SYS_FROM);
-    if (path == nullptr || path->empty() || !shouldNotify(record, m)) continue;
+    if (path == nullptr) continue;
     if (!addressed) {
       to = *path;
       addressed = true;
@@ -224,7 +226,7 @@ void Handler::sendNotify(message& m) {
     }
     // Every further subscriber turns the path into the multi-destination form, group by
     // group: the loader fans one message out instead of the process sending one each.
-    if (to.front() != PATH_MULTI) {
+    if (to.empty() || to.front() != PATH_MULTI) {
       to.insert(to.begin(), static_cast<unsigned int>(to.size()));
       to.insert(to.begin(), PATH_MULTI);
     }

@@ -342,6 +342,43 @@ TEST_F(HandlerTest, WrongObjectIdStopsTheProcess) {
   objects_.objects_.erase(3);
 }
 
+TEST_F(HandlerTest, AnAddressedNotificationKeepsItsPathAndGainsTheSubscribers) {
+  message n;
+  n.insert(SYS_CMD, CMD_NOTIFY);
+  n.insert(SYS_TO, {7, 8});
+  objects_.sendNotify(n);  // nobody subscribed: it still goes where it was addressed
+  looper_->writeFlush(true);
+  message got;
+  ASSERT_TRUE(peer_->read(&got));
+  EXPECT_EQ(got.get_u32_array(SYS_TO), std::vector<unsigned int>({7, 8}));
+  subscribe(kPathA);
+  message again;
+  again.insert(SYS_CMD, CMD_NOTIFY);
+  again.insert(SYS_TO, {7, 8});
+  objects_.sendNotify(again);
+  looper_->writeFlush(true);
+  ASSERT_TRUE(peer_->read(&got));
+  EXPECT_EQ(got.get_u32_array(SYS_TO),
+            std::vector<unsigned int>({PATH_MULTI, 2, 7, 8, 2, 0x10000, 7}));
+}
+
+// A service that stops with requests and changes still pending ends cleanly.
+TEST_F(HandlerTest, HandlersOutliveShutdownWithPendingTimers) {
+  {
+    Objects late;
+    looper_->addHandler(8, &late);
+    Delivery d;
+    message m;
+    m.insert(SYS_TO, {40});
+    late.postMessage(m, &d, Delivery::record, message(), 100);
+    subscribe(kPathA);
+    objects_.notifyChange(3);
+    looper_->shutdown();
+    EXPECT_TRUE(looper_->isShutDown());
+  }
+  SUCCEED();
+}
+
 // --- persistent data and undo -------------------------------------------------------------------
 
 TEST_F(HandlerTest, LeaveAndReturnKeepsSubscribers) {

@@ -133,6 +133,8 @@ class Looper : public Handler, public Runner {
   void tellLeave();
   // Set once the process agreed to a leave request; the application decides what follows.
   bool leaving() const { return leaving_; }
+  // Whether shutdown() ran: the runner's timers, sockets and hooks are released.
+  bool isShutDown() const { return shutDown_; }
 
   // --- time ---------------------------------------------------------------------------------
   // Seconds east of UTC, asked once from the time service (handler 24) and kept current by
@@ -183,6 +185,7 @@ class Looper : public Handler, public Runner {
   FrameReader reader_;
   FrameWriter writer_;
   message serviceData_;
+  bool shutDown_ = false;
 };
 
 // The process's Looper, or null when none exists.

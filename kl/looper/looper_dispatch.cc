@@ -304,6 +304,7 @@ void Looper::run() {
 void Looper::shutdown() {
   Runner::shutdown();
   stop_ = true;
+  shutDown_ = true;
   if (socket_ >= 0) {
     // The connection itself stays open while the process ends; only the member lets go.
     socket_ = -1;
