@@ -1,10 +1,15 @@
 #!/bin/sh
-# The demonstration behind `make demo`. $1 is the CMake build directory.
+# The demonstration behind `make demo`: services talking through kl-loader, then messages,
+# the event loop and logging one by one. $1 is the CMake build directory.
 set -e
 build=${1:-build}
 msg=$build/tools/kl-msg
 req=$build/examples/build_request
 loop=$build/examples/loop_demo
+
+# First what a service is for: services talking through the development loader.
+sh examples/demo_services.sh "$build"
+echo
 
 echo "== A get-all request built in code, flattened to the wire form (hex):"
 $req
@@ -56,5 +61,3 @@ done
 wait "$logd_pid" || { echo "kl-logd failed" >&2; exit 1; }
 echo "-- kl-logd's output:"
 sed "s#$logroot#\$KL_ROOT#" "$logroot/logd.out"
-echo
-sh examples/demo_services.sh "$build"
