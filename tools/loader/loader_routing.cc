@@ -14,6 +14,32 @@
 namespace kl {
 namespace loader {
 
+namespace {
+
+// The destinations of a SYS_TO path, each a path of its own. PATH_BOTH asks for the
+// loader's side and the sender's own: the sender delivered its copy itself, so the rest is
+// routed here. PATH_MULTI is followed by groups of a count and that many elements; a group
+// of count 0, or one that runs past the end, ends the list.
+std::vector<std::vector<unsigned int>> destinations(std::vector<unsigned int> to) {
+  if (!to.empty() && to.front() == PATH_BOTH) to.erase(to.begin());
+  std::vector<std::vector<unsigned int>> groups;
+  if (to.empty() || to.front() != PATH_MULTI) {
+    groups.push_back(std::move(to));
+    return groups;
+  }
+  size_t pos = 1;
+  while (pos < to.size()) {
+    const size_t count = to[pos];
+    if (count == 0 || count > to.size() - pos - 1) break;
+    const auto first = to.begin() + static_cast<ptrdiff_t>(pos) + 1;
+    groups.emplace_back(first, first + static_cast<ptrdiff_t>(count));
+    pos += 1 + count;
+  }
+  return groups;
+}
+
+}  // namespace
+
 // The fast path: a frame whose every destination is connected goes on as bytes, its path
 // records rewritten. False leaves the frame, untouched, to the decoding path.
 bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, uint32_t now) {
@@ -21,21 +47,7 @@ bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, u
   if (!parseFlatFrame(body, length, &frame)) return false;
   if (frame.type == TYPE_REQUEST && options_.policies.count(from.id) != 0) return false;
   if (frame.from.size() >= 0xFFFF) return false;
-  std::vector<unsigned int> to = frame.to;
-  if (!to.empty() && to.front() == PATH_BOTH) to.erase(to.begin());
-  std::vector<std::vector<unsigned int>> groups;
-  if (!to.empty() && to.front() == PATH_MULTI) {
-    size_t pos = 1;
-    while (pos < to.size()) {
-      const size_t count = to[pos];
-      if (count == 0 || count > to.size() - pos - 1) break;
-      const auto first = to.begin() + static_cast<ptrdiff_t>(pos) + 1;
-      groups.emplace_back(first, first + static_cast<ptrdiff_t>(count));
-      pos += 1 + count;
-    }
-  } else {
-    groups.push_back(to);
-  }
+  const std::vector<std::vector<unsigned int>> groups = destinations(frame.to);
   std::vector<Conn*> targets;
   for (const std::vector<unsigned int>& group : groups) {
     if (group.empty() || group.front() == kLoaderId) return false;
@@ -62,23 +74,10 @@ bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, u
 }
 
 void Loader::route(Conn& from, message& m) {
-  std::vector<unsigned int> to = m.get_u32_array(SYS_TO);
-  // PATH_BOTH asks for the loader's side and the sender's own: the sender delivered its
-  // copy itself, so the rest of the path is routed here.
-  if (!to.empty() && to.front() == PATH_BOTH) to.erase(to.begin());
-  if (!to.empty() && to.front() == PATH_MULTI) {
-    size_t pos = 1;
-    while (pos < to.size()) {
-      const size_t count = to[pos];
-      if (count == 0 || count > to.size() - pos - 1) break;
-      const auto first = to.begin() + static_cast<ptrdiff_t>(pos) + 1;
-      routeOne(from, m, std::vector<unsigned int>(first, first + static_cast<ptrdiff_t>(count)));
-      if (from.dead) return;
-      pos += 1 + count;
-    }
-    return;
+  for (const std::vector<unsigned int>& group : destinations(m.get_u32_array(SYS_TO))) {
+    routeOne(from, m, group);
+    if (from.dead) return;
   }
-  routeOne(from, m, to);
 }
 
 void Loader::routeOne(Conn& from, message m, std::vector<unsigned int> to) {
