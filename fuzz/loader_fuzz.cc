@@ -22,15 +22,13 @@
 #include <vector>
 
 #include "kl/base/check.h"
+#include "kl/looper/control.h"
 #include "kl/looper/framing.h"
 #include "kl/message/system.h"
 #include "tools/loader/loader.h"
 
 namespace {
 
-constexpr unsigned int kCtrlRegister = 5;
-constexpr unsigned int kCtrlReady = 8;
-constexpr uint32_t kRegistrationWords = 0x88000001;
 constexpr int kCrashSignals[] = {SIGSEGV, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGUSR2};
 constexpr size_t kCrashSignalCount = sizeof kCrashSignals / sizeof kCrashSignals[0];
 
@@ -55,8 +53,9 @@ struct Peer {
 kl::message registration(unsigned int id) {
   kl::message m;
   m.insert(kl::SYS_TO, std::vector<unsigned int>{1});
-  m.insert(kl::SYS_CTRL, kCtrlRegister);
-  m.insert(kRegistrationWords, std::vector<unsigned int>{id, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+  m.insert(kl::SYS_CTRL, kl::ctrl::kRegister);
+  m.insert(kl::ctrl::kRegistrationWords,
+           std::vector<unsigned int>{id, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
   return m;
 }
 
@@ -76,7 +75,7 @@ void registerAs(kl::loader::Loader& loader, kl::loader::Loader::Conn* conn, Peer
   loader.serveInput(*conn);
   kl::message ready;
   unsigned int code = 0;
-  KL_CHECK(peer.next(&ready) && kl::isCtrl(ready, &code) && code == kCtrlReady);
+  KL_CHECK(peer.next(&ready) && kl::isCtrl(ready, &code) && code == kl::ctrl::kReady);
 }
 
 void drain(Peer& peer) {

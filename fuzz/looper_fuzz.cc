@@ -35,6 +35,7 @@
 
 #include "kl/base/check.h"
 #include "kl/base/endian.h"
+#include "kl/looper/control.h"
 #include "kl/looper/framing.h"
 #include "kl/looper/handler.h"
 #include "kl/looper/looper.h"
@@ -43,7 +44,6 @@
 namespace {
 
 constexpr int kLooperFd = 3;
-constexpr unsigned int kCtrlReady = 8;
 constexpr uint32_t kMaxPad = 64 * 1024;
 constexpr int kCrashSignals[] = {SIGSEGV, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGUSR2};
 
@@ -89,7 +89,7 @@ Setup& setup() {
     }
     fcntl(made->peerFd, F_SETFL, O_NONBLOCK);
     kl::message ready;
-    ready.insert(kl::SYS_CTRL, kCtrlReady);
+    ready.insert(kl::SYS_CTRL, kl::ctrl::kReady);
     uint32_t length;
     std::unique_ptr<unsigned char[]> frame = kl::makeFrame(ready, &length);
     writeAll(made->peerFd, frame.get(), length);

@@ -12,6 +12,7 @@
 #include "kl/base/root.h"
 #include "kl/log/logger.h"
 #include "kl/log/lstream.h"
+#include "kl/looper/control.h"
 #include "kl/looper/handler.h"
 #include "kl/looper/looper.h"
 #include "kl/looper/policies.h"

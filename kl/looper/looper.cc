@@ -1,6 +1,7 @@
 // kl::Looper: the loader connection, the start-up handshake, the transport and control
 // messages. Routing, the local queue, run() and leaving are in looper_dispatch.cc.
 #include "kl/looper/looper.h"
+#include "kl/looper/control.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -27,18 +28,8 @@ namespace {
 Looper* currentLooper = nullptr;
 
 constexpr int kInheritedFd = 3;
-constexpr unsigned int kLoaderId = 1;
 constexpr int kReadyTimeoutTicks = 2000;  // 20 seconds
 
-constexpr unsigned int kCtrlLeaveRequest = 1;
-constexpr unsigned int kCtrlLeaveAgree = 2;
-constexpr unsigned int kCtrlLeaveRefuse = 3;
-constexpr unsigned int kCtrlRegister = 5;
-constexpr unsigned int kCtrlReady = 8;
-
-constexpr uint32_t kRegistrationWords = 0x88000001;  // u32 array field 1
-constexpr uint32_t kPermDataField = 0x28000004;
-constexpr uint32_t kServiceDataField = 0x28000005;
 constexpr uint32_t kServiceKeyField = 0x88000001;
 constexpr uint32_t kServiceStateField = 0x30000002;
 constexpr uint32_t kLoaderValue64Field = 0x10000007;
@@ -60,9 +51,9 @@ Looper::Looper(unsigned int mode, unsigned int w1, unsigned int w2, unsigned int
   addSocket(socket_, this, onMsgSockCb, POLLIN);
 
   message registration;
-  registration.insert_vector(SYS_TO, kLoaderId);
-  registration.insert(SYS_CTRL, kCtrlRegister);
-  registration.insert_u32_array(kRegistrationWords,
+  registration.insert_vector(SYS_TO, ctrl::kLoaderId);
+  registration.insert(SYS_CTRL, ctrl::kRegister);
+  registration.insert_u32_array(ctrl::kRegistrationWords,
                                 {w1, w2, w3, w4, w5, w6, w7, w8, w9, w10, w11, w12});
   sendMessage(registration);
   writeFlush(true);
@@ -115,7 +106,7 @@ void Looper::awaitReady(unsigned int w1, unsigned int w12) {
   message reply;
   readMessage(reply, kReadyTimeoutTicks, true);
   unsigned int code = 0;
-  if (!isCtrl(reply, &code) || code != kCtrlReady) {
+  if (!isCtrl(reply, &code) || code != ctrl::kReady) {
     fprintf(stderr, "could not receive confirmation to CTRL_READY from loader\n");
     reply.dump2(std::cout, "", 0);
     std::cout.flush();
@@ -126,11 +117,11 @@ void Looper::awaitReady(unsigned int w1, unsigned int w12) {
   loaderU32_2_ = reply.get_u32(2, 0);
   loaderU32_6_ = reply.get_u32(6, 0);
   loaderU64_7_ = reply.get_u64(kLoaderValue64Field, 0);
-  if (const message::flat_message* data = std::as_const(reply).get_message_ref(kPermDataField)) {
+  if (const message::flat_message* data = std::as_const(reply).get_message_ref(ctrl::kPermData)) {
     loadPermData(message(*data));
   }
   if (const message::flat_message* service =
-          std::as_const(reply).get_message_ref(kServiceDataField)) {
+          std::as_const(reply).get_message_ref(ctrl::kServiceData)) {
     serviceData_ = message(*service);
     prepareServiceData(w1, w12);
   }
@@ -270,18 +261,18 @@ void Looper::onMsgSock(int, unsigned int) {
 }
 
 void Looper::handleControl(unsigned int code) {
-  if (code != kCtrlLeaveRequest) return;
+  if (code != ctrl::kLeaveRequest) return;
   if (!canLeave()) {
-    sendCtrl(kCtrlLeaveRefuse);
+    sendCtrl(ctrl::kLeaveRefuse);
     return;
   }
   message data;
   savePermData(data);
   message agree;
-  agree.insert_vector(SYS_TO, kLoaderId);
-  agree.insert(SYS_CTRL, kCtrlLeaveAgree);
+  agree.insert_vector(SYS_TO, ctrl::kLoaderId);
+  agree.insert(SYS_CTRL, ctrl::kLeaveAgree);
   agree.insert(SYS_CTRL_ARG, 1);
-  if (!data.empty() && data.max_length() > 2) agree.insert_message(kPermDataField, data);
+  if (!data.empty() && data.max_length() > 2) agree.insert_message(ctrl::kPermData, data);
   sendMessage(agree);
   writeFlush(true);
   leaving_ = true;
@@ -289,7 +280,7 @@ void Looper::handleControl(unsigned int code) {
 
 void Looper::sendCtrl(unsigned int code) {
   message m;
-  m.insert_vector(SYS_TO, kLoaderId);
+  m.insert_vector(SYS_TO, ctrl::kLoaderId);
   m.insert(SYS_CTRL, code);
   sendMessage(m);
   writeFlush(true);
@@ -297,7 +288,7 @@ void Looper::sendCtrl(unsigned int code) {
 
 void Looper::sendCtrl(unsigned int code, unsigned int arg) {
   message m;
-  m.insert_vector(SYS_TO, kLoaderId);
+  m.insert_vector(SYS_TO, ctrl::kLoaderId);
   m.insert(SYS_CTRL, code);
   m.insert(SYS_CTRL_ARG, arg);
   sendMessage(m);

@@ -13,6 +13,7 @@
 
 #include "kl/base/clock.h"
 #include "kl/base/root.h"
+#include "kl/looper/control.h"
 #include "kl/looper/looper.h"
 #include "kl/looper/path.h"
 #include "kl/message/dump.h"
@@ -23,9 +24,6 @@ namespace kl {
 namespace {
 
 constexpr unsigned int kLocalQueueLimit = 100;
-constexpr unsigned int kCtrlRunning = 6;
-constexpr unsigned int kCtrlLeaveSetting = 7;
-constexpr unsigned int kCtrlTellLeave = 4;
 
 constexpr unsigned int kTimeService = 24;
 constexpr unsigned int kCmdTimezone = 0x60001;
@@ -182,7 +180,8 @@ message Looper::exchangeMessage(message& m, int timeout) {
     if (readMessage(r, timeout, true)) {
       unsigned int code, replyId;
       if (isCtrl(r, &code)) {
-        if (code == 1) sendCtrl(3);  // no leaving in the middle of an exchange
+        if (code == ctrl::kLeaveRequest)
+          sendCtrl(ctrl::kLeaveRefuse);  // no leaving in the middle of an exchange
       } else if (isReply(r) && getRequestID(r, &replyId) && replyId == id &&
                  r.get_u32_array(SYS_TO) == replyPath) {
         return r;
@@ -295,7 +294,7 @@ void Looper::run() {
     const int fd = creat(marker.c_str(), 0600);
     if (fd >= 0) close(fd);
   }
-  sendCtrl(kCtrlRunning);
+  sendCtrl(ctrl::kRunning);
   notifySubscriptions();
   unblockLeave();
   ThinRunner::run();
@@ -318,21 +317,21 @@ void Looper::shutdown() {
 void Looper::setupLeave(unsigned int value) {
   if (value == leaveValue_) return;
   leaveValue_ = value;
-  if (leaveBlocks_ == 0) sendCtrl(kCtrlLeaveSetting, value);
+  if (leaveBlocks_ == 0) sendCtrl(ctrl::kLeaveSetting, value);
 }
 
 void Looper::blockLeave() {
-  if (leaveBlocks_++ == 0 && leaveValue_ != 0) sendCtrl(kCtrlLeaveSetting, 0);
+  if (leaveBlocks_++ == 0 && leaveValue_ != 0) sendCtrl(ctrl::kLeaveSetting, 0);
 }
 
 void Looper::unblockLeave() {
   if (leaveBlocks_ == 0) return;  // unbalanced: nothing is blocking
-  if (--leaveBlocks_ == 0 && leaveValue_ != 0) sendCtrl(kCtrlLeaveSetting, leaveValue_);
+  if (--leaveBlocks_ == 0 && leaveValue_ != 0) sendCtrl(ctrl::kLeaveSetting, leaveValue_);
 }
 
 bool Looper::canLeave() { return leaveValue_ != 0 && leaveBlocks_ == 0; }
 
-void Looper::tellLeave() { sendCtrl(kCtrlTellLeave); }
+void Looper::tellLeave() { sendCtrl(ctrl::kTellLeave); }
 
 // --- persistent data
 // ------------------------------------------------------------------------------

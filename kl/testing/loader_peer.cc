@@ -1,4 +1,5 @@
 #include "kl/testing/loader_peer.h"
+#include "kl/looper/control.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -16,7 +17,6 @@ namespace testing {
 namespace {
 
 constexpr int kLooperFd = 3;
-constexpr unsigned int kCtrlReady = 8;
 
 }  // namespace
 
@@ -39,7 +39,7 @@ LoaderPeer::LoaderPeer(bool writeReady, const message& readyExtra)
   writer_.setFd(fd_);
   if (writeReady) {
     message ready = readyExtra;
-    ready.insert(SYS_CTRL, kCtrlReady);
+    ready.insert(SYS_CTRL, ctrl::kReady);
     send(ready);
   }
 }

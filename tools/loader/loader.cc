@@ -17,6 +17,7 @@
 
 #include "kl/base/clock.h"
 #include "kl/base/root.h"
+#include "kl/looper/control.h"
 #include "kl/looper/path.h"
 #include "kl/message/dump.h"
 #include "kl/message/system.h"
@@ -25,17 +26,6 @@ namespace kl {
 namespace loader {
 
 namespace {
-
-constexpr unsigned int kCtrlLeaveRequest = 1;
-constexpr unsigned int kCtrlLeaveAgree = 2;
-constexpr unsigned int kCtrlLeaveRefuse = 3;
-constexpr unsigned int kCtrlRegister = 5;
-constexpr unsigned int kCtrlRunning = 6;
-constexpr unsigned int kCtrlLeaveSetting = 7;
-constexpr unsigned int kCtrlReady = 8;
-constexpr uint32_t kRegistrationWords = 0x88000001;
-constexpr uint32_t kPermDataField = 0x28000004;
-constexpr uint32_t kReadyIdField = 0x08000001;
 
 void makeDirs(const std::string& path) {
   for (size_t slash = path.find('/', 1); slash != std::string::npos;
@@ -293,7 +283,7 @@ void Loader::checkIdle() {
 // its data for the next instance would be lost with it.
 void Loader::askToLeave(Conn& conn) {
   message ask;
-  ask.insert(SYS_CTRL, kCtrlLeaveRequest);
+  ask.insert(SYS_CTRL, ctrl::kLeaveRequest);
   deliver(conn, ask);
   conn.holding = true;
 }
@@ -304,7 +294,7 @@ void Loader::handleFrame(Conn& conn, message& m) {
   unsigned int code;
   const bool control = isCtrl(m, &code);
   if (!conn.registered) {
-    if (!control || code != kCtrlRegister) {
+    if (!control || code != ctrl::kRegister) {
       conn.dead = true;
       conn.failure = "first frame is not a registration";
       return;
@@ -321,7 +311,7 @@ void Loader::handleFrame(Conn& conn, message& m) {
 }
 
 void Loader::registerProcess(Conn& conn, const message& m) {
-  const std::vector<unsigned int> words = m.get_u32_array(kRegistrationWords);
+  const std::vector<unsigned int> words = m.get_u32_array(ctrl::kRegistrationWords);
   if (words.size() != 12) {
     conn.dead = true;
     conn.failure = "registration without twelve words";
@@ -345,12 +335,12 @@ void Loader::registerProcess(Conn& conn, const message& m) {
   if (started != startedPids_.end()) conn.command = started->second;
 
   message ready;
-  ready.insert(SYS_CTRL, kCtrlReady);
-  ready.insert_u32(kReadyIdField, id);
+  ready.insert(SYS_CTRL, ctrl::kReady);
+  ready.insert_u32(ctrl::kReadyProcessId, id);
   auto departed = departed_.find(id);
   if (departed != departed_.end()) {
     if (conn.command.empty()) conn.command = departed->second.command;
-    if (departed->second.hasData) ready.insert_message(kPermDataField, departed->second.data);
+    if (departed->second.hasData) ready.insert_message(ctrl::kPermData, departed->second.data);
   }
   deliver(conn, ready);
   if (options_.trace) printf("kl-loader: %s registered\n", describe(conn).c_str());
@@ -363,16 +353,16 @@ void Loader::registerProcess(Conn& conn, const message& m) {
 
 void Loader::handleControl(Conn& conn, unsigned int code, const message& m) {
   switch (code) {
-    case kCtrlRunning:
+    case ctrl::kRunning:
       conn.running = true;
       break;
-    case kCtrlLeaveSetting:
+    case ctrl::kLeaveSetting:
       conn.leaveValue = m.get(SYS_CTRL_ARG, 0);
       break;
-    case kCtrlLeaveAgree: {
+    case ctrl::kLeaveAgree: {
       Departed& departed = departed_[conn.id];
       departed.command = conn.command;
-      if (const message::flat_message* data = m.get_message_ref(kPermDataField)) {
+      if (const message::flat_message* data = m.get_message_ref(ctrl::kPermData)) {
         departed.data = message(*data);
         departed.hasData = true;
       }
@@ -382,7 +372,7 @@ void Loader::handleControl(Conn& conn, unsigned int code, const message& m) {
       if (conn.pid > 0) kill(conn.pid, SIGTERM);
       break;
     }
-    case kCtrlLeaveRefuse:
+    case ctrl::kLeaveRefuse:
       conn.holding = false;
       for (const message& held : conn.held) deliver(conn, held);
       conn.held.clear();

@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "kl/looper/control.h"
 #include "kl/looper/framing.h"
 #include "kl/message/message.h"
 #include "kl/runner/runner.h"
@@ -34,7 +35,7 @@
 namespace kl {
 namespace loader {
 
-constexpr unsigned int kLoaderId = 1;
+constexpr unsigned int kLoaderId = ctrl::kLoaderId;
 constexpr unsigned int kFirstTransientId = 0x10000;
 // A loader command: asks the process named by STD_ID to leave (control code 1).
 constexpr unsigned int kLoaderCmdLeave = 0xfd0001;

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "kl/base/endian.h"
+#include "kl/looper/control.h"
 #include "kl/looper/framing.h"
 #include "kl/looper/path.h"
 #include "kl/message/system.h"
@@ -29,10 +30,6 @@ namespace kl {
 namespace loader {
 namespace {
 
-constexpr unsigned int kCtrlRegister = 5;
-constexpr unsigned int kCtrlReady = 8;
-constexpr uint32_t kRegistrationWords = 0x88000001;
-constexpr uint32_t kReadyIdField = 0x08000001;
 // The handler inside a test process that sends and receives.
 constexpr unsigned int kHandler = 7;
 
@@ -43,8 +40,8 @@ void ignoreFailure(void*, FrameFailure, long, int) {}
 message registration(unsigned int id) {
   message m;
   m.insert(SYS_TO, Path{kLoaderId});
-  m.insert(SYS_CTRL, kCtrlRegister);
-  m.insert(kRegistrationWords, Path{id, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
+  m.insert(SYS_CTRL, kl::ctrl::kRegister);
+  m.insert(kl::ctrl::kRegistrationWords, Path{id, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
   return m;
 }
 
@@ -103,8 +100,8 @@ class Process {
     send(registration(id));
     message ready;
     unsigned int code = 0;
-    if (!read(&ready) || !isCtrl(ready, &code) || code != kCtrlReady) return 0;
-    return ready.get_u32(kReadyIdField, 0);
+    if (!read(&ready) || !isCtrl(ready, &code) || code != kl::ctrl::kReady) return 0;
+    return ready.get_u32(kl::ctrl::kReadyProcessId, 0);
   }
   // Whether the loader closes the connection within `timeoutMs`; frames before it are
   // passed over.
@@ -203,7 +200,7 @@ std::vector<unsigned char> frameOf(const message& m) {
 
 TEST_F(LoaderTest, BadInputClosesOnlyThatConnectionWithOneLine) {
   message bareWords = registration(31);
-  bareWords.insert(kRegistrationWords, Path{31, 2});
+  bareWords.insert(kl::ctrl::kRegistrationWords, Path{31, 2});
   const BadInput cases[] = {
       {"malformed frame", true, {6, 0, 0, 0, 'g', 'a', 'r', 'b', 'a', 'g'}, "malformed frame"},
       {"first frame not a registration", false, frameOf(request({20}, CMD_NOOP, 1)),
