@@ -3,26 +3,14 @@
 #include <cstring>
 
 #include "kl/base/endian.h"
+#include "kl/message/field_id.h"
+#include "kl/message/system.h"
 #include "kl/message/wire_format.h"
 
 namespace kl {
 namespace loader {
 
 namespace {
-
-constexpr uint32_t kTypeMask = 0xF8000000u;
-constexpr uint32_t kArray = 0x80000000u;
-constexpr uint32_t kShortFlag = 0x01000000u;
-constexpr uint32_t kBool = 0x00000000u, kU32 = 0x08000000u, kU64 = 0x10000000u,
-                   kAddr6 = 0x18000000u, kString = 0x20000000u, kMessage = 0x28000000u,
-                   kRaw = 0x30000000u;
-
-constexpr uint32_t kSysTo = 0x88ff0001u;
-constexpr uint32_t kSysFrom = 0x88ff0002u;
-constexpr uint32_t kSysType = 0x08ff0003u;
-constexpr uint32_t kSysReplyExp = 0x00ff0005u;
-constexpr uint32_t kSysPolicy = 0x08ff000bu;
-constexpr uint32_t kSysCtrl = 0x08ff000du;
 
 // A bounded read position, as the decoder walks a body.
 struct Walk {
@@ -55,20 +43,22 @@ struct Walk {
 
 size_t fixedElementSize(uint32_t type) {
   switch (type) {
-    case kBool:
+    case kTypeBool:
       return 1;
-    case kU32:
+    case kTypeU32:
       return 4;
-    case kU64:
+    case kTypeU64:
       return 8;
-    case kAddr6:
+    case kTypeAddr6:
       return 16;
     default:
       return 0;  // a block type: each element carries its own length
   }
 }
 
-bool isBlock(uint32_t type) { return type == kString || type == kMessage || type == kRaw; }
+bool isBlock(uint32_t type) {
+  return type == kTypeString || type == kTypeMessage || type == kTypeRaw;
+}
 
 // Skips the value of an array record; `elements` receives a u32 array's values.
 bool skipArray(Walk& w, uint32_t elementType, std::vector<unsigned int>* elements) {
@@ -93,18 +83,18 @@ bool skipArray(Walk& w, uint32_t elementType, std::vector<unsigned int>* element
 // Skips one record's value; *value receives a u32's value.
 bool skipScalar(Walk& w, uint32_t type, bool shortForm, unsigned int* value) {
   switch (type) {
-    case kBool:
+    case kTypeBool:
       return true;
-    case kU32:
+    case kTypeU32:
       if (shortForm) return w.u8(value);
       return w.u32(value);
-    case kU64:
+    case kTypeU64:
       return w.skip(8);
-    case kAddr6:
+    case kTypeAddr6:
       return w.skip(16);
-    case kString:
-    case kMessage:
-    case kRaw: {
+    case kTypeString:
+    case kTypeMessage:
+    case kTypeRaw: {
       unsigned int n;
       return (shortForm ? w.u8(&n) : w.u16(&n)) && w.skip(n);
     }
@@ -138,32 +128,32 @@ bool parseFlatFrame(const unsigned char* body, uint32_t length, FlatFrame* frame
     w.u32(&word);
     const uint32_t id = word & wire::kStoredIdMask;
     const uint32_t type = word & kTypeMask;
-    if (type & kArray) {
+    if (type & kArrayBit) {
       std::vector<unsigned int>* path = nullptr;
-      if (id == kSysTo) {
+      if (id == SYS_TO) {
         if (frame->toEnd != 0) return false;
         path = &frame->to;
-      } else if (id == kSysFrom) {
+      } else if (id == SYS_FROM) {
         if (frame->fromEnd != 0) return false;
         path = &frame->from;
       }
-      if (!skipArray(w, type & ~kArray, path)) return false;
+      if (!skipArray(w, type & ~kArrayBit, path)) return false;
       const uint32_t end = static_cast<uint32_t>(w.p - body);
-      if (id == kSysTo) {
+      if (id == SYS_TO) {
         frame->toBegin = begin;
         frame->toEnd = end;
-      } else if (id == kSysFrom) {
+      } else if (id == SYS_FROM) {
         frame->fromBegin = begin;
         frame->fromEnd = end;
       }
       continue;
     }
     unsigned int value = 0;
-    if (!skipScalar(w, type, (word & kShortFlag) != 0, &value)) return false;
-    if (id == kSysCtrl) return false;  // control messages are the loader's own business
-    if (id == kSysType) frame->type = value;
-    if (id == kSysPolicy) frame->hasPolicy = true;
-    if (id == kSysReplyExp) frame->replyExpected = (word & kShortFlag) != 0;
+    if (!skipScalar(w, type, (word & kWireFlagBit) != 0, &value)) return false;
+    if (id == SYS_CTRL) return false;  // control messages are the loader's own business
+    if (id == SYS_TYPE) frame->type = value;
+    if (id == SYS_POLICY) frame->hasPolicy = true;
+    if (id == SYS_REPLYEXP) frame->replyExpected = (word & kWireFlagBit) != 0;
   }
   return w.left() == 0;
 }
@@ -181,8 +171,8 @@ std::unique_ptr<unsigned char[]> spliceFrame(const FlatFrame& frame,
   p += 4;
   storeLe16(p, wire::kMagic);
   p += 2;
-  putPath(p, kSysTo, to);
-  putPath(p, kSysFrom, from);
+  putPath(p, SYS_TO, to);
+  putPath(p, SYS_FROM, from);
   // Every other record in its place: the spans between and around the two path records.
   uint32_t cuts[4] = {frame.toBegin, frame.toEnd, frame.fromBegin, frame.fromEnd};
   if (frame.fromBegin < frame.toBegin) {
