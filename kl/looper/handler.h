@@ -196,6 +196,9 @@ class Handler {
 
  private:
   message subscriptionRecord(const message& m) const;
+  // subscribe and unsubscribe: `subscribeCmd` is CMD_SUBSCRIBE or CMD_UNSUBSCRIBE.
+  void sendSubscription(const std::vector<unsigned int>& path, unsigned int notifyCmd,
+                        const message& base, unsigned int subscribeCmd);
   static void onChangeTimer(void* self);
 
   std::map<unsigned int, ReplyHandler> replyHandlers_;

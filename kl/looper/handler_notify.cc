@@ -78,22 +78,23 @@ message Handler::subscriptionRecord(const message& m) const {
   return record;
 }
 
-void Handler::subscribe(const std::vector<unsigned int>& path, unsigned int cmd,
-                        const message& base) {
+void Handler::sendSubscription(const std::vector<unsigned int>& path, unsigned int notifyCmd,
+                               const message& base, unsigned int subscribeCmd) {
   message m = base;
   m.insert(SYS_TO, path);
-  m.insert(SYS_CMD, CMD_SUBSCRIBE);
-  m.insert(SYS_NOTIFYCMD, cmd);
+  m.insert(SYS_CMD, subscribeCmd);
+  m.insert(SYS_NOTIFYCMD, notifyCmd);
   sendMessage(m);
+}
+
+void Handler::subscribe(const std::vector<unsigned int>& path, unsigned int cmd,
+                        const message& base) {
+  sendSubscription(path, cmd, base, CMD_SUBSCRIBE);
 }
 
 void Handler::unsubscribe(const std::vector<unsigned int>& path, unsigned int cmd,
                           const message& base) {
-  message m = base;
-  m.insert(SYS_TO, path);
-  m.insert(SYS_CMD, CMD_UNSUBSCRIBE);
-  m.insert(SYS_NOTIFYCMD, cmd);
-  sendMessage(m);
+  sendSubscription(path, cmd, base, CMD_UNSUBSCRIBE);
 }
 
 void Handler::cmdSubscribe(const message& m) {

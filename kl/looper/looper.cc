@@ -50,13 +50,10 @@ Looper::Looper(unsigned int mode, unsigned int w1, unsigned int w2, unsigned int
   if (fcntl(socket_, F_SETFL, O_NONBLOCK) != 0) fprintf(stderr, "fcntl: %s\n", strerror(errno));
   addSocket(socket_, this, onMsgSockCb, POLLIN);
 
-  message registration;
-  registration.insert_vector(SYS_TO, ctrl::kLoaderId);
-  registration.insert(SYS_CTRL, ctrl::kRegister);
+  message registration = controlMessage(ctrl::kRegister);
   registration.insert_u32_array(ctrl::kRegistrationWords,
                                 {w1, w2, w3, w4, w5, w6, w7, w8, w9, w10, w11, w12});
-  sendMessage(registration);
-  writeFlush(true);
+  sendNow(registration);
   awaitReady(w1, w12);
 }
 
@@ -224,13 +221,8 @@ void Looper::writeFlush(bool block) {
 }
 
 message Looper::getMessage(int timeout) {
-  if (!localQueue_.empty()) {
-    message m = localQueue_.front();
-    localQueue_.pop_front();
-    --localQueueLength_;
-    return m;
-  }
   message m;
+  if (popLocal(&m)) return m;
   if (!readMessage(m, timeout, true)) return errorMsg(ERROR_TIMEOUT, "timeout");
   unsigned int code;
   if (isCtrl(m, &code)) return ctrlErrorMsg(code);
@@ -247,16 +239,20 @@ void Looper::onMsgSock(int, unsigned int) {
   for (;;) {
     message m;
     if (!readMessage(m, 0, true)) return;
-    unsigned int code;
-    if (isCtrl(m, &code)) {
-      handleControl(code);
-      return;
-    }
-    const bool reply = isReply(m);
-    if (!filterMessage(m)) dispatchMessage(m);
-    // One request per readiness event; replies are drained. What stays buffered is
-    // dispatched before the loop sleeps.
-    if (!reply) return;
+    const bool drain = isReply(m) && !isCtrl(m, nullptr);
+    takeIncoming(m);
+    // One request or control message per readiness event; replies are drained. What stays
+    // buffered is dispatched before the loop sleeps.
+    if (!drain) return;
+  }
+}
+
+void Looper::takeIncoming(message& m) {
+  unsigned int code;
+  if (isCtrl(m, &code)) {
+    handleControl(code);
+  } else if (!filterMessage(m)) {
+    dispatchMessage(m);
   }
 }
 
@@ -268,31 +264,34 @@ void Looper::handleControl(unsigned int code) {
   }
   message data;
   savePermData(data);
-  message agree;
-  agree.insert_vector(SYS_TO, ctrl::kLoaderId);
-  agree.insert(SYS_CTRL, ctrl::kLeaveAgree);
+  message agree = controlMessage(ctrl::kLeaveAgree);
   agree.insert(SYS_CTRL_ARG, 1);
   if (!data.empty() && data.max_length() > 2) agree.insert_message(ctrl::kPermData, data);
-  sendMessage(agree);
-  writeFlush(true);
+  sendNow(agree);
   leaving_ = true;
 }
 
-void Looper::sendCtrl(unsigned int code) {
+message Looper::controlMessage(unsigned int code) {
   message m;
   m.insert_vector(SYS_TO, ctrl::kLoaderId);
   m.insert(SYS_CTRL, code);
+  return m;
+}
+
+void Looper::sendNow(message& m) {
   sendMessage(m);
   writeFlush(true);
 }
 
+void Looper::sendCtrl(unsigned int code) {
+  message m = controlMessage(code);
+  sendNow(m);
+}
+
 void Looper::sendCtrl(unsigned int code, unsigned int arg) {
-  message m;
-  m.insert_vector(SYS_TO, ctrl::kLoaderId);
-  m.insert(SYS_CTRL, code);
+  message m = controlMessage(code);
   m.insert(SYS_CTRL_ARG, arg);
-  sendMessage(m);
-  writeFlush(true);
+  sendNow(m);
 }
 
 }  // namespace kl

@@ -162,8 +162,17 @@ class Looper : public Handler, public Runner {
   void connectToLoader(unsigned int mode);
   void awaitReady(unsigned int w1, unsigned int w12);
   void prepareServiceData(unsigned int w1, unsigned int w12);
+  // A message read from the socket: a control message goes to handleControl, any other to
+  // dispatchMessage unless filterMessage swallows it.
+  void takeIncoming(message& m);
   // A control message from the loader: answers a leave request, ignores the rest.
   void handleControl(unsigned int code);
+  // A control message of `code` for the loader.
+  static message controlMessage(unsigned int code);
+  // sendMessage, then writeFlush(true).
+  void sendNow(message& m);
+  // Takes the local queue's head into *m; false when the queue is empty.
+  bool popLocal(message* m);
   void deliverLocally(message& m);
   void sendMulti(message& m, std::vector<unsigned int> to);
   void answerBrokenPath(Handler* h, message& m);

@@ -93,6 +93,14 @@ void Looper::sendMulti(message& m, std::vector<unsigned int> to) {
   writeMessage(m);
 }
 
+bool Looper::popLocal(message* m) {
+  if (localQueue_.empty()) return false;
+  *m = localQueue_.front();
+  localQueue_.pop_front();
+  --localQueueLength_;
+  return true;
+}
+
 bool Looper::queueMessage(const message& m) {
   if (filterMessage(m)) return true;
   if (localQueueLength_ >= kLocalQueueLimit) {
@@ -110,20 +118,12 @@ bool Looper::queueMessage(const message& m) {
 void Looper::dispatchQueue() {
   for (;;) {
     message m;
-    if (!localQueue_.empty()) {
-      m = localQueue_.front();
-      localQueue_.pop_front();
-      --localQueueLength_;
-      dispatchMessage(m);
+    if (popLocal(&m)) {
+      dispatchMessage(m);  // local messages passed filterMessage when they were queued
       continue;
     }
     if (!readMessage(m, 0, false)) break;
-    unsigned int code;
-    if (isCtrl(m, &code)) {
-      handleControl(code);
-    } else if (!filterMessage(m)) {
-      dispatchMessage(m);
-    }
+    takeIncoming(m);
   }
   writeFlush(true);
 }
