@@ -121,6 +121,7 @@ class Loader {
   void loaderCommand(Conn& from, const message& m);
   void answerBrokenPath(Conn& from, const message& m, const std::vector<unsigned int>& rest);
   void deliver(Conn& to, const message& m);
+  void deliverFrame(Conn& to, std::unique_ptr<unsigned char[]> frame, uint32_t length);
   void reply(Conn& to, const message& request, message& body);
   void closeConn(Conn* conn, const std::string& why);
   void announceDeparture(unsigned int id);

@@ -66,9 +66,7 @@ bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, u
     std::unique_ptr<unsigned char[]> out = spliceFrame(frame, rest, path, &frameLength);
     dest.lastActivity = now;
     dest.askedToLeave = false;
-    if (dest.writer.queueFrame(std::move(out), frameLength) > 1023) {
-      dest.writer.flush(FrameWriter::kTry);
-    }
+    deliverFrame(dest, std::move(out), frameLength);
   }
   return true;
 }
@@ -193,7 +191,15 @@ void Loader::loaderCommand(Conn& from, const message& m) {
 
 void Loader::deliver(Conn& to, const message& m) {
   if (to.dead) return;
-  if (to.writer.queue(m) > 1023) to.writer.flush(FrameWriter::kTry);
+  uint32_t length;
+  std::unique_ptr<unsigned char[]> frame = makeFrame(m, &length);
+  deliverFrame(to, std::move(frame), length);
+}
+
+// Small frames wait for the flush before the loop sleeps, as in the Looper.
+void Loader::deliverFrame(Conn& to, std::unique_ptr<unsigned char[]> frame, uint32_t length) {
+  if (to.dead) return;
+  if (to.writer.queueFrame(std::move(frame), length) > 1023) to.writer.flush(FrameWriter::kTry);
 }
 
 }  // namespace loader
