@@ -9,8 +9,7 @@ namespace kl {
 
 // times(NULL) plus 30000, which moves the system tick counter's start to zero. When times()
 // reports -1 the value taken is -errno instead (the C library reports some valid tick counts
-// as errors). A call within the same coarse clock instant as the previous one on this thread
-// returns the previous value without a system call (the tick count cannot have moved).
+// as errors).
 unsigned int getJiffies();
 
 }  // namespace kl
