@@ -15,26 +15,45 @@
 
 namespace {
 
-// Live allocations and their bytes, updated by the operators below.
+// Live allocations and their bytes, updated by the operators below while `counting` is
+// set: only the memory benchmarks count, so that the timed ones measure the allocator alone
+// and not the bookkeeping.
+bool counting = false;
 long liveAllocations = 0;
 long liveBytes = 0;
+
+// Counts allocations while it lives. Everything allocated under it must be freed under it.
+struct CountingScope {
+  CountingScope() { counting = true; }
+  ~CountingScope() { counting = false; }
+};
 
 }  // namespace
 
 void* operator new(size_t n) {
   void* p = malloc(n == 0 ? 1 : n);
   if (p == nullptr) throw std::bad_alloc();
-  ++liveAllocations;
-  liveBytes += malloc_usable_size(p);
+  if (counting) {
+    ++liveAllocations;
+    liveBytes += malloc_usable_size(p);
+  }
   return p;
 }
-void operator delete(void* p) noexcept {
+namespace {
+
+void release(void* p) {
   if (p == nullptr) return;
-  --liveAllocations;
-  liveBytes -= malloc_usable_size(p);
+  if (counting) {
+    --liveAllocations;
+    liveBytes -= malloc_usable_size(p);
+  }
   free(p);
 }
-void operator delete(void* p, size_t) noexcept { operator delete(p); }
+
+}  // namespace
+
+void operator delete(void* p) noexcept { release(p); }
+void operator delete(void* p, size_t) noexcept { release(p); }
 
 namespace {
 
@@ -186,6 +205,7 @@ void BM_KlDecodedMemory(benchmark::State& state) {
   std::vector<unsigned char> bytes;
   buildKlRequest().flatten(bytes);
   long allocations = 0, held = 0, deepAllocations = 0, deepHeld = 0;
+  const CountingScope scope;
   for (auto _ : state) {
     const long a0 = liveAllocations, b0 = liveBytes;
     kl::message m(bytes);
@@ -213,6 +233,7 @@ void BM_PbParsedMemory(benchmark::State& state) {
   buildPbRequest(&r);
   const std::string bytes = r.SerializeAsString();
   long allocations = 0, held = 0;
+  const CountingScope scope;
   for (auto _ : state) {
     const long a0 = liveAllocations, b0 = liveBytes;
     klbench::Request* parsed = new klbench::Request;  // counted: kl's Rep is counted too

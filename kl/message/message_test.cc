@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "kl/base/endian.h"
 #include "kl/message/htable.h"
 #include "kl/message/system.h"
@@ -314,6 +316,56 @@ TEST(Message, CloneKeepsEveryField) {
   b.clone();
   EXPECT_FALSE(a.same_rep(b));
   EXPECT_TRUE(a == b);
+}
+
+// Freed representations are reused: a message built from a reused one must start as empty
+// as a fresh one, whatever the last owner left in it (a grown table, an index, a side
+// buffer).
+TEST(Message, ReusedRepresentationsStartEmpty) {
+  std::vector<message> used(40);
+  for (message& m : used) {
+    m.insert_bool(1, true);
+    m.insert_bool(2, true);
+    for (unsigned int i = 0; i < 30; ++i) m.insert_u32(i, i);
+    for (unsigned int i = 0; i < 20; ++i) m.insert_string(i, "value");
+    m.insert_u32_array(7, {1, 2, 3});
+    Bytes bytes;
+    m.flatten(bytes);
+    m.unflatten(bytes.data(), bytes.size(), message::flatten_keep_passthrough);
+  }
+  used.clear();
+  for (int round = 0; round < 40; ++round) {
+    message m;
+    m.insert_u32(3, 33);
+    EXPECT_EQ(m.size_bool(1), 0u);
+    EXPECT_EQ(m.size_u32(4), 0u);
+    EXPECT_EQ(m.size_field(0x20000005), 0u);
+    EXPECT_FALSE(m.has_array(0x88000007));
+    EXPECT_EQ(m.passthrough(), nullptr);
+    message fresh;
+    fresh.insert_u32(3, 33);
+    Bytes got, want;
+    m.flatten(got);
+    fresh.flatten(want);
+    EXPECT_EQ(got, want);
+  }
+}
+
+// Messages may be built on one thread and dropped on another, and a thread that ends
+// returns what it kept (the sanitizer build reports a leak or a double free here).
+TEST(Message, MessagesCrossThreads) {
+  std::vector<message> made(50);
+  std::thread maker([&made]() {
+    for (unsigned int i = 0; i < made.size(); ++i) made[i].insert_u32(1, i);
+    std::vector<message> dropped(50);
+    for (message& m : dropped) m.insert_string(2, "kept by this thread, then freed");
+  });
+  maker.join();
+  for (unsigned int i = 0; i < made.size(); ++i) EXPECT_EQ(made[i].get_u32(1, 0), i);
+  made.clear();
+  message after;
+  after.insert_u32(1, 9);
+  EXPECT_EQ(after.get_u32(1, 0), 9u);
 }
 
 }  // namespace

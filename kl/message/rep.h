@@ -63,7 +63,8 @@ struct alignas(8) message::Rep {  // 8: the node pool follows it
 
   // A new, empty representation, allocated together with its node pool: the first list
   // nodes live in the same allocation as the Rep, so that a typical message costs one
-  // allocation. Free it with destroy().
+  // allocation, and none when this thread has a freed one to reuse. Free it with
+  // destroy().
   static Rep* create();
   static void destroy(Rep* rep);
 
