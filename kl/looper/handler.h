@@ -29,6 +29,10 @@
 
 namespace kl {
 
+// Takes the next request id from `counter` and advances it. Ids run 0, 1, ... 0xFFFFFFFE
+// and then start again at 0: 0xFFFFFFFF is never a request id.
+unsigned int takeRequestId(unsigned int* counter);
+
 class Handler {
  public:
   // Called once per posted request, with its reply or a time-out error (both carry the

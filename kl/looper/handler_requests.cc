@@ -25,12 +25,16 @@ message Handler::exchangeCmd(message& m, unsigned int cmd, unsigned int timeout)
   return exchangeMessage(m, static_cast<int>(timeout));
 }
 
+unsigned int takeRequestId(unsigned int* counter) {
+  if (*counter == 0xFFFFFFFFu) *counter = 0;
+  return (*counter)++;
+}
+
 void Handler::requestMessage(message& m, unsigned int* id) {
-  if (nextRequestId_ == 0xFFFFFFFFu) nextRequestId_ = 0;  // never used as an id
-  if (id != nullptr) *id = nextRequestId_;
+  const unsigned int taken = takeRequestId(&nextRequestId_);
+  if (id != nullptr) *id = taken;
   setType(m, TYPE_REQUEST);
-  setRequestID(m, nextRequestId_);
-  ++nextRequestId_;
+  setRequestID(m, taken);
   m.insert_bool(SYS_REPLYEXP, true);
   sendMessage(m);
 }

@@ -125,6 +125,28 @@ TEST_F(HandlerTest, PostedRequestsGetConsecutiveIdsAndTheirReplies) {
   EXPECT_EQ(objects_.pendingPosts(), 1u);
 }
 
+// Request ids near the end of their range: 0xFFFFFFFF is skipped, and the count starts again
+// at 0.
+TEST(RequestIds, WrapFrom0xFFFFFFFETo0) {
+  struct Case {
+    unsigned int counter;
+    unsigned int taken;
+    unsigned int next;
+  };
+  const Case cases[] = {
+      {0, 0, 1},
+      {41, 41, 42},
+      {0xFFFFFFFDu, 0xFFFFFFFDu, 0xFFFFFFFEu},
+      {0xFFFFFFFEu, 0xFFFFFFFEu, 0xFFFFFFFFu},
+      {0xFFFFFFFFu, 0, 1},
+  };
+  for (const Case& c : cases) {
+    unsigned int counter = c.counter;
+    EXPECT_EQ(takeRequestId(&counter), c.taken) << std::hex << c.counter;
+    EXPECT_EQ(counter, c.next) << std::hex << c.counter;
+  }
+}
+
 TEST_F(HandlerTest, TimeoutFiresOnceAndTheLateReplyIsDropped) {
   Delivery d;
   message m;
