@@ -83,45 +83,56 @@ namespace {
 
 // Freed representations kept for reuse by this thread: a service builds and drops a
 // message for every request, and a block taken from here costs no trip to the allocator.
-// Every block has the same size, a Rep with its node pool. The blocks go back to the
-// allocator when the thread ends; a message released after that (a static one at exit)
-// frees its block directly.
-class RepCache {
- public:
+// Every block has the same size, a Rep with its node pool.
+//
+// The cache is plain data in the initial-exec TLS model, so that reaching it is one
+// load and not a call into the dynamic loader. The first block kept on a thread arms a
+// closer that returns the blocks to the allocator when the thread ends; a message released
+// after that (a static one at exit) frees its block directly.
+struct RepCache {
   static constexpr unsigned kCapacity = 32;
-
-  ~RepCache() {
-    closed_ = true;
-    while (count_ > 0) ::operator delete(blocks_[--count_]);
-  }
-  // A block, or null when none is kept.
-  void* take() { return count_ > 0 ? blocks_[--count_] : nullptr; }
-  // Keeps `block`; false when full or closed, and the caller frees it.
-  bool keep(void* block) {
-    if (closed_ || count_ == kCapacity) return false;
-    blocks_[count_++] = block;
-    return true;
-  }
-
- private:
-  void* blocks_[kCapacity];
-  unsigned count_ = 0;
-  bool closed_ = false;
+  void* blocks[kCapacity];
+  unsigned count;
+  bool armed;
+  bool closed;
 };
 
-thread_local RepCache repCache;
+thread_local RepCache repCache __attribute__((tls_model("initial-exec")));
+
+struct RepCacheCloser {
+  ~RepCacheCloser() {
+    repCache.closed = true;
+    while (repCache.count > 0) ::operator delete(repCache.blocks[--repCache.count]);
+  }
+};
+
+void* takeCachedRep() {
+  return repCache.count > 0 ? repCache.blocks[--repCache.count] : nullptr;
+}
+
+// Keeps `block` for reuse; false when the cache is full or closed, and the caller frees it.
+bool keepCachedRep(void* block) {
+  if (repCache.closed || repCache.count == RepCache::kCapacity) return false;
+  if (!repCache.armed) {
+    static thread_local RepCacheCloser closer;
+    (void)closer;
+    repCache.armed = true;
+  }
+  repCache.blocks[repCache.count++] = block;
+  return true;
+}
 
 }  // namespace
 
 message::Rep* message::Rep::create() {
-  void* memory = repCache.take();
+  void* memory = takeCachedRep();
   if (memory == nullptr) memory = ::operator new(sizeof(Rep) + kPoolSize);
   return new (memory) Rep(kPoolSize);
 }
 
 void message::Rep::destroy(Rep* rep) {
   rep->~Rep();
-  if (!repCache.keep(rep)) ::operator delete(rep);
+  if (!keepCachedRep(rep)) ::operator delete(rep);
 }
 
 void message::Rep::freeNode(litem* node) {
