@@ -106,9 +106,7 @@ struct RepCacheCloser {
   }
 };
 
-void* takeCachedRep() {
-  return repCache.count > 0 ? repCache.blocks[--repCache.count] : nullptr;
-}
+void* takeCachedRep() { return repCache.count > 0 ? repCache.blocks[--repCache.count] : nullptr; }
 
 // Keeps `block` for reuse; false when the cache is full or closed, and the caller frees it.
 bool keepCachedRep(void* block) {
