@@ -143,7 +143,8 @@ class Handler {
                            unsigned int timeout);
   // Forgets a pending posted request; its callback is not called. Unknown ids: nothing.
   void cancelPost(unsigned int id);
-  // Delivers a time-out to the pending request `id`, if any.
+  // Delivers a time-out to the pending request `id`, if any, and stops its timer: a service
+  // may call it to give up on a request early.
   void replyTimeout(unsigned int id);
   // Number of pending posted requests.
   size_t pendingPosts() const { return replyHandlers_.size(); }

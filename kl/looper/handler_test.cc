@@ -188,6 +188,22 @@ TEST_F(HandlerTest, NoTimeoutMeansNoTimerAndCancelMeansNoCallback) {
   EXPECT_EQ(objects_.pendingPosts(), 0u);
 }
 
+// A time-out delivered early by the service itself: its timer goes with the entry, so
+// nothing fires later into the erased entry.
+TEST_F(HandlerTest, EarlyReplyTimeoutTakesTheTimerAlong) {
+  Delivery d;
+  message m;
+  m.insert(SYS_TO, {40});
+  const size_t timersBefore = looper_->timerCount();
+  const unsigned int id = objects_.postMessage(m, &d, Delivery::record, message(), 1);
+  objects_.replyTimeout(id);
+  ASSERT_EQ(d.got.size(), 1u);
+  EXPECT_EQ(d.got[0].get(SYS_REQID, 9), id);
+  EXPECT_EQ(looper_->timerCount(), timersBefore);
+  expireTimers(1);
+  EXPECT_EQ(d.got.size(), 1u);
+}
+
 // A callback that posts again, from inside its own delivery.
 struct Reposter {
   Handler* handler;
