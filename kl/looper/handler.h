@@ -172,8 +172,9 @@ class Handler {
   // Sends one notification holding objects from [begin, end) and returns the first one not
   // sent. A single object larger than the limit goes out alone.
   message* sendNotifies(message* begin, message* end);
-  // Addresses `n` to every interested subscriber (one multi-destination path) and sends it
-  // once; sends nothing when nobody is interested. REQUIRES: n has SYS_CMD.
+  // Addresses `n` to every interested subscriber with a non-empty path (one
+  // multi-destination path) and sends it once; sends nothing when nobody is interested.
+  // REQUIRES: n has SYS_CMD.
   void sendNotify(message& n);
   const std::vector<message>& subscriptions() const { return subscriptions_; }
 

@@ -271,6 +271,24 @@ TEST_F(HandlerTest, ChangeCausedByASubscriberIsNotEchoedToIt) {
   EXPECT_TRUE(peer_->quiet());
 }
 
+// A subscriber without a way back (an empty SYS_FROM) cannot be a group of a
+// multi-destination path: its count of 0 would end the path before the others.
+TEST_F(HandlerTest, SubscriberWithAnEmptyPathDoesNotHideTheOthers) {
+  message body;
+  body.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
+  peer_->request({5}, CMD_SUBSCRIBE, body, {});  // its reply goes nowhere
+  peer_->pump(*looper_);
+  ASSERT_EQ(objects_.subscriptions().size(), 1u);
+  subscribe(kPathA);
+  subscribe(kPathB);
+  objects_.notifyChange(3);
+  flushNow();
+  message n;
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({3}));
+  EXPECT_EQ(n.get_u32_array(SYS_TO),
+            std::vector<unsigned int>({PATH_MULTI, 2, 0x10000, 7, 2, 0x10001, 3}));
+}
+
 TEST_F(HandlerTest, LinkedObjectsAreSentTailFirstAndCyclesDropped) {
   subscribe(kPathA);
   // The list 1 -> 2 -> 3 -> (end): each object names the one after it.
