@@ -35,9 +35,10 @@ unsigned int takeRequestId(unsigned int* counter);
 
 class Handler {
  public:
-  // Called once per posted request, with its reply or a time-out error (both carry the
-  // request id) and the `extra` message given to postMessage. May post, cancel, or
-  // destroy nothing but other requests; it runs after its entry is erased.
+  // Called once per posted request, with its reply or an ERROR_TIMEOUT error, and the
+  // `extra` message given to postMessage. Both carry the request id, except the error that
+  // finishes a request whose id was taken again by a newer one (see postMessage). It runs
+  // after its entry is erased, so it may post new requests and cancel other ones.
   using ReplyCallback = void (*)(void* context, const message& reply, const message& extra);
 
   // One pending posted request.
@@ -115,7 +116,8 @@ class Handler {
   // Puts the own id at the front of SYS_FROM and hands `m` to the Looper.
   virtual void sendMessage(message& m);
   // Puts the own id at the front of SYS_FROM and exchanges `m` through the Looper: blocks
-  // until the reply (returned) or the time-out in ticks (ERROR_TIMEOUT).
+  // until the reply (returned) or the time-out in ticks (ERROR_TIMEOUT). A time-out of 0
+  // never expires and polls without waiting; a negative one never expires and blocks.
   virtual message exchangeMessage(message& m, int timeout);
 
   // --- replies -------------------------------------------------------------------------
@@ -133,7 +135,8 @@ class Handler {
   // Makes `m` a request with the next request id of this Handler (0, 1, ... 0xFFFFFFFE, 0;
   // never 0xFFFFFFFF) expecting a reply, and sends it. *id := the id when id is not null.
   void requestMessage(message& m, unsigned int* id);
-  // SYS_CMD := cmd, then exchangeMessage.
+  // SYS_CMD := cmd, then exchangeMessage; `timeout` is read as a signed number, so
+  // 0xFFFFFFFF waits without limit.
   message exchangeCmd(message& m, unsigned int cmd, unsigned int timeout);
   // Sends `m` as a request and returns its id; callback(context, reply, extra) runs once
   // with the reply, or with ERROR_TIMEOUT after `timeout` ticks (0xFFFFFFFF: no time-out).
