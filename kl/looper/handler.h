@@ -122,7 +122,10 @@ class Handler {
 
   // --- replies -------------------------------------------------------------------------
   // Sends `reply` to the sender of `request` (its SYS_FROM), typed as a reply with the
-  // request's id. A request without a request id gets nothing.
+  // request's id. A request without a request id gets nothing. `reply` is changed on the
+  // way (type, request id, SYS_TO, and the own id in front of SYS_FROM): build a fresh one
+  // for each request rather than reusing one, and do not return the request itself from a
+  // cmd* operation, since its SYS_FROM and SYS_CMD would go back with the reply.
   void replyMessage(const message& request, message& reply);
   void replyMessage(const message& request, message&& reply) { replyMessage(request, reply); }
   void replyError(const message& request, unsigned int code, const std::string& text);
