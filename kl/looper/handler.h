@@ -35,9 +35,10 @@ unsigned int takeRequestId(unsigned int* counter);
 
 class Handler {
  public:
-  // Called once per posted request, with its reply or a time-out error (both carry the
-  // request id) and the `extra` message given to postMessage. May post, cancel, or
-  // destroy nothing but other requests; it runs after its entry is erased.
+  // Called once per posted request, with its reply or an ERROR_TIMEOUT error, and the
+  // `extra` message given to postMessage. Both carry the request id, except the error that
+  // finishes a request whose id was taken again by a newer one (see postMessage). It runs
+  // after its entry is erased, so it may post new requests and cancel other ones.
   using ReplyCallback = void (*)(void* context, const message& reply, const message& extra);
 
   // One pending posted request.
@@ -115,12 +116,16 @@ class Handler {
   // Puts the own id at the front of SYS_FROM and hands `m` to the Looper.
   virtual void sendMessage(message& m);
   // Puts the own id at the front of SYS_FROM and exchanges `m` through the Looper: blocks
-  // until the reply (returned) or the time-out in ticks (ERROR_TIMEOUT).
+  // until the reply (returned) or the time-out in ticks (ERROR_TIMEOUT). A time-out of 0
+  // never expires and polls without waiting; a negative one never expires and blocks.
   virtual message exchangeMessage(message& m, int timeout);
 
   // --- replies -------------------------------------------------------------------------
   // Sends `reply` to the sender of `request` (its SYS_FROM), typed as a reply with the
-  // request's id. A request without a request id gets nothing.
+  // request's id. A request without a request id gets nothing. `reply` is changed on the
+  // way (type, request id, SYS_TO, and the own id in front of SYS_FROM): build a fresh one
+  // for each request rather than reusing one, and do not return the request itself from a
+  // cmd* operation, since its SYS_FROM and SYS_CMD would go back with the reply.
   void replyMessage(const message& request, message& reply);
   void replyMessage(const message& request, message&& reply) { replyMessage(request, reply); }
   void replyError(const message& request, unsigned int code, const std::string& text);
@@ -133,7 +138,8 @@ class Handler {
   // Makes `m` a request with the next request id of this Handler (0, 1, ... 0xFFFFFFFE, 0;
   // never 0xFFFFFFFF) expecting a reply, and sends it. *id := the id when id is not null.
   void requestMessage(message& m, unsigned int* id);
-  // SYS_CMD := cmd, then exchangeMessage.
+  // SYS_CMD := cmd, then exchangeMessage; `timeout` is read as a signed number, so
+  // 0xFFFFFFFF waits without limit.
   message exchangeCmd(message& m, unsigned int cmd, unsigned int timeout);
   // Sends `m` as a request and returns its id; callback(context, reply, extra) runs once
   // with the reply, or with ERROR_TIMEOUT after `timeout` ticks (0xFFFFFFFF: no time-out).
@@ -143,7 +149,8 @@ class Handler {
                            unsigned int timeout);
   // Forgets a pending posted request; its callback is not called. Unknown ids: nothing.
   void cancelPost(unsigned int id);
-  // Delivers a time-out to the pending request `id`, if any.
+  // Delivers a time-out to the pending request `id`, if any, and stops its timer: a service
+  // may call it to give up on a request early.
   void replyTimeout(unsigned int id);
   // Number of pending posted requests.
   size_t pendingPosts() const { return replyHandlers_.size(); }
@@ -171,8 +178,9 @@ class Handler {
   // Sends one notification holding objects from [begin, end) and returns the first one not
   // sent. A single object larger than the limit goes out alone.
   message* sendNotifies(message* begin, message* end);
-  // Addresses `n` to every interested subscriber (one multi-destination path) and sends it
-  // once; sends nothing when nobody is interested. REQUIRES: n has SYS_CMD.
+  // Addresses `n` to every interested subscriber with a non-empty path (one
+  // multi-destination path) and sends it once; sends nothing when nobody is interested.
+  // REQUIRES: n has SYS_CMD.
   void sendNotify(message& n);
   const std::vector<message>& subscriptions() const { return subscriptions_; }
 

@@ -218,8 +218,10 @@ void Handler::sendNotify(message& m) {
   for (size_t i = 0; i < subscriptions_.size(); ++i) {
     const message& record = subscriptions_[i];
     if (!shouldNotify(record, m)) continue;
+    // An empty path leads nowhere, and as a group of 0 it would end a multi-destination
+    // path before the subscribers behind it.
     const std::vector<unsigned int>* path = record.get_u32_array_ref(SYS_FROM);
-    if (path == nullptr) continue;
+    if (path == nullptr || path->empty()) continue;
     if (!addressed) {
       to = *path;
       addressed = true;

@@ -75,6 +75,8 @@ void Handler::replyTimeout(unsigned int id) {
   if (it == replyHandlers_.end()) return;
   const ReplyHandler entry = it->second;
   replyHandlers_.erase(it);
+  // Set only when the service delivers the time-out itself, before the timer fired.
+  if (entry.timer) removeTimer(entry.timer);
   message error = errorMsg(ERROR_TIMEOUT, "");
   setRequestID(error, id);
   entry.callback(entry.context, error, entry.extra);

@@ -188,6 +188,22 @@ TEST_F(HandlerTest, NoTimeoutMeansNoTimerAndCancelMeansNoCallback) {
   EXPECT_EQ(objects_.pendingPosts(), 0u);
 }
 
+// A time-out delivered early by the service itself: its timer goes with the entry, so
+// nothing fires later into the erased entry.
+TEST_F(HandlerTest, EarlyReplyTimeoutTakesTheTimerAlong) {
+  Delivery d;
+  message m;
+  m.insert(SYS_TO, {40});
+  const size_t timersBefore = looper_->timerCount();
+  const unsigned int id = objects_.postMessage(m, &d, Delivery::record, message(), 1);
+  objects_.replyTimeout(id);
+  ASSERT_EQ(d.got.size(), 1u);
+  EXPECT_EQ(d.got[0].get(SYS_REQID, 9), id);
+  EXPECT_EQ(looper_->timerCount(), timersBefore);
+  expireTimers(1);
+  EXPECT_EQ(d.got.size(), 1u);
+}
+
 // A callback that posts again, from inside its own delivery.
 struct Reposter {
   Handler* handler;
@@ -255,6 +271,24 @@ TEST_F(HandlerTest, ChangeCausedByASubscriberIsNotEchoedToIt) {
   EXPECT_TRUE(peer_->quiet());
 }
 
+// A subscriber without a way back (an empty SYS_FROM) cannot be a group of a
+// multi-destination path: its count of 0 would end the path before the others.
+TEST_F(HandlerTest, SubscriberWithAnEmptyPathDoesNotHideTheOthers) {
+  message body;
+  body.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
+  peer_->request({5}, CMD_SUBSCRIBE, body, {});  // its reply goes nowhere
+  peer_->pump(*looper_);
+  ASSERT_EQ(objects_.subscriptions().size(), 1u);
+  subscribe(kPathA);
+  subscribe(kPathB);
+  objects_.notifyChange(3);
+  flushNow();
+  message n;
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({3}));
+  EXPECT_EQ(n.get_u32_array(SYS_TO),
+            std::vector<unsigned int>({PATH_MULTI, 2, 0x10000, 7, 2, 0x10001, 3}));
+}
+
 TEST_F(HandlerTest, LinkedObjectsAreSentTailFirstAndCyclesDropped) {
   subscribe(kPathA);
   // The list 1 -> 2 -> 3 -> (end): each object names the one after it.
@@ -316,6 +350,75 @@ TEST_F(HandlerTest, NotificationsSplitAt16383BytesOfObjects) {
   EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({1, 2, 3}));
   EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({4}));
   EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({5}));  // too big, but sent alone
+}
+
+// An object of `bytes` flattened bytes: STD_ID and a description padded to fit.
+message objectOfSize(unsigned int id, size_t bytes) {
+  for (size_t pad = 0; pad < bytes; ++pad) {
+    message obj;
+    obj.insert(STD_ID, id);
+    obj.insert_string(STD_DESCR, std::string(pad, 'x'));
+    if (message::flat_message(obj).size() == bytes) return obj;
+  }
+  ADD_FAILURE() << "no object of " << bytes << " bytes";
+  return message();
+}
+
+TEST_F(HandlerTest, NotificationBatchHoldsExactly16383BytesOfObjects) {
+  subscribe(kPathA);
+  struct Case {
+    size_t second;
+    std::vector<std::vector<unsigned int>> batches;
+  } cases[] = {
+      {8191, {{1, 2}}},    // 8192 + 8191 = 16383: one notification
+      {8192, {{1}, {2}}},  // one byte more: two
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.second);
+    objects_.objects_[1] = objectOfSize(1, 8192);
+    objects_.objects_[2] = objectOfSize(2, c.second);
+    objects_.notifyChange(1);
+    objects_.notifyChange(2);
+    flushNow();
+    message n;
+    for (const auto& batch : c.batches) EXPECT_EQ(notifiedIds(&n), batch);
+    EXPECT_TRUE(peer_->quiet(20));
+  }
+}
+
+// Whether the tail-first order applies is decided by the first object that is not a plain
+// removal (dead, without a successor).
+TEST_F(HandlerTest, FirstLivingObjectDecidesTheOrder) {
+  subscribe(kPathA);
+  struct Object {
+    unsigned int id;
+    bool dead;
+    unsigned int next;  // 0: none
+  };
+  struct Case {
+    const char* what;
+    std::vector<Object> objects;
+    std::vector<unsigned int> sent;
+  } cases[] = {
+      {"removal first, then a list", {{1, true, 0}, {2, false, 3}, {3, false, BADID}}, {1, 3, 2}},
+      {"plain object first", {{1, false, 0}, {2, false, 3}, {3, false, BADID}}, {1, 2, 3}},
+      {"dead with a successor", {{1, true, 2}, {2, false, BADID}}, {2, 1}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    objects_.objects_.clear();
+    for (const Object& o : c.objects) {
+      message obj;
+      obj.insert(STD_ID, o.id);
+      if (o.dead) obj.insert(STD_DEAD, 1);
+      if (o.next != 0) obj.insert(STD_NEXTID, o.next);
+      objects_.objects_[o.id] = obj;
+      objects_.notifyChange(o.id);
+    }
+    flushNow();
+    message n;
+    EXPECT_EQ(notifiedIds(&n), c.sent);
+  }
 }
 
 TEST_F(HandlerTest, DisconnectDropsSubscriptionsUnderThePath) {
