@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -412,6 +413,37 @@ TEST_F(LooperTest, LargeFrameIsReadExactlyToItsEnd) {
   EXPECT_FALSE(looper_->readMessage(m, 0, false));
   ASSERT_TRUE(looper_->readMessage(m, 0, true));
   EXPECT_EQ(m.get(SYS_REQID, 0), 5u);
+}
+
+TEST_F(LooperTest, OneRequestPerReadinessEventButRepliesAreDrained) {
+  // Two requests wait; one readiness event dispatches the first only.
+  peer_.request({5}, CMD_NOOP);
+  peer_.request({5}, CMD_NOOP);
+  looper_->onMsgSock(looper_->socket(), POLLIN);
+  EXPECT_EQ(handler_.seen_.size(), 1u);
+  looper_->dispatchQueue();  // the buffered second one goes before the loop sleeps
+  EXPECT_EQ(handler_.seen_.size(), 2u);
+  // Replies are drained in one event: each reaches the handler (and its reply handler).
+  message reply;
+  reply.insert(SYS_TO, {5});
+  setType(reply, TYPE_REPLY);
+  for (unsigned int id = 0; id < 3; ++id) {
+    setRequestID(reply, id);
+    peer_.send(reply);
+  }
+  unsigned int delivered = 0;
+  struct Count {
+    static void one(void* ctx, const message&, const message&) {
+      ++*static_cast<unsigned int*>(ctx);
+    }
+  };
+  for (unsigned int id = 0; id < 3; ++id) {
+    message request;
+    request.insert(SYS_TO, {40});
+    handler_.postMessage(request, &delivered, Count::one, message(), 0xFFFFFFFFu);
+  }
+  looper_->onMsgSock(looper_->socket(), POLLIN);
+  EXPECT_EQ(delivered, 3u);
 }
 
 TEST(FrameWriterTest, PartialWritesKeepTheCountsAndTheFrames) {
