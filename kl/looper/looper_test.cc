@@ -409,8 +409,11 @@ TEST_F(LooperTest, LargeFrameIsReadExactlyToItsEnd) {
   message m;
   ASSERT_TRUE(looper_->readMessage(m, 0, true));
   EXPECT_EQ(m.get_string(STD_DESCR, "").size(), 5000u);
-  // Nothing of the next frame was taken into the buffer: it is still on the socket.
+  // Nothing of the next frame was taken: it is still on the socket, whole.
   EXPECT_FALSE(looper_->readMessage(m, 0, false));
+  int pending = 0;
+  ioctl(looper_->socket(), FIONREAD, &pending);
+  ASSERT_EQ(static_cast<size_t>(pending), small.size());
   ASSERT_TRUE(looper_->readMessage(m, 0, true));
   EXPECT_EQ(m.get(SYS_REQID, 0), 5u);
 }
