@@ -509,28 +509,31 @@ TEST(LooperStartTest, ReadyValuesAndPreparedServiceState) {
   service.insert_u32_array(0x88000001, {0x12345603, 7});
   ready.insert_message(0x28000005, service);
   LoaderPeer peer(true, ready);
-  Looper looper(Looper::kInherit, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12);
-  EXPECT_EQ(looper.loaderValue(1), 11u);
-  EXPECT_EQ(looper.loaderValue(2), 22u);
-  EXPECT_EQ(looper.loaderValue(3), 33u);
-  EXPECT_EQ(looper.loaderValue(6), 66u);
-  EXPECT_EQ(looper.loaderValue64(), 0x123456789ull);
-  EXPECT_EQ(looper.serviceData().get_u32_array(0x88000001),
-            std::vector<unsigned int>({0x12345603, 7}));
-  // The key is w1, the first key word and w12 in the host's byte order; 0x03 + 1024 rounds.
-  const std::vector<unsigned char> state = looper.serviceData().get_raw(0x30000002, {});
-  ASSERT_EQ(state.size(), 256u);
-  const unsigned int one = 1;
-  unsigned char firstByte;
-  memcpy(&firstByte, &one, 1);
-  const std::vector<unsigned char> expected =
-      firstByte == 1 ? std::vector<unsigned char>({80, 197, 40, 70, 220, 87, 230, 200})
-                     : std::vector<unsigned char>({70, 221, 170, 15, 82, 146, 207, 71});
-  EXPECT_EQ(std::vector<unsigned char>(state.begin(), state.begin() + 8), expected);
-  const std::vector<unsigned char> tail = firstByte == 1
-                                              ? std::vector<unsigned char>({242, 239, 170, 164})
-                                              : std::vector<unsigned char>({96, 175, 238, 150});
-  EXPECT_EQ(std::vector<unsigned char>(state.end() - 4, state.end()), tail);
+  {
+    Looper looper(Looper::kInherit, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12);
+    EXPECT_EQ(looper.loaderValue(1), 11u);
+    EXPECT_EQ(looper.loaderValue(2), 22u);
+    EXPECT_EQ(looper.loaderValue(3), 33u);
+    EXPECT_EQ(looper.loaderValue(6), 66u);
+    EXPECT_EQ(looper.loaderValue64(), 0x123456789ull);
+    EXPECT_EQ(looper.serviceData().get_u32_array(0x88000001),
+              std::vector<unsigned int>({0x12345603, 7}));
+    // The key is w1, the first key word and w12 in the host's byte order; 0x03 + 1024 rounds.
+    const std::vector<unsigned char> state = looper.serviceData().get_raw(0x30000002, {});
+    ASSERT_EQ(state.size(), 256u);
+    const unsigned int one = 1;
+    unsigned char firstByte;
+    memcpy(&firstByte, &one, 1);
+    const std::vector<unsigned char> expected =
+        firstByte == 1 ? std::vector<unsigned char>({80, 197, 40, 70, 220, 87, 230, 200})
+                       : std::vector<unsigned char>({70, 221, 170, 15, 82, 146, 207, 71});
+    EXPECT_EQ(std::vector<unsigned char>(state.begin(), state.begin() + 8), expected);
+    const std::vector<unsigned char> tail = firstByte == 1
+                                                ? std::vector<unsigned char>({242, 239, 170, 164})
+                                                : std::vector<unsigned char>({96, 175, 238, 150});
+    EXPECT_EQ(std::vector<unsigned char>(state.end() - 4, state.end()), tail);
+  }
+  EXPECT_EQ(getLooper(), nullptr);  // the destructor lets go of it
 }
 
 // A Looper that counts onInit and, one tick into its loop, blocks leaving and stops.
