@@ -337,6 +337,13 @@ TEST_F(LooperTest, GetMessageTurnsControlAndTimeoutIntoErrors) {
   EXPECT_EQ(looper_->getMessage(1).get_string(SYS_ERRSTR, ""), "timeout");
   peer_.sendCtrl(9);
   EXPECT_EQ(looper_->getMessage(100).get_string(SYS_ERRSTR, ""), "control message (9)");
+  // The local queue comes before the socket.
+  peer_.request({5}, CMD_GET);
+  message local;
+  local.insert_string(STD_DESCR, "local");
+  looper_->queueMessage(local);
+  EXPECT_EQ(looper_->getMessage(100).get_string(STD_DESCR, ""), "local");
+  EXPECT_EQ(looper_->getMessage(100).get(SYS_CMD, 0), CMD_GET);
 }
 
 TEST_F(LooperTest, SmallFramesWaitForTheFlushLargeOnesLeaveAtOnce) {
