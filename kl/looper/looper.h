@@ -64,7 +64,8 @@ class Looper : public Handler, public Runner {
   // and the local queue; PATH_MULTI -> local groups locally, the remaining groups to the
   // loader in one frame; anything else -> the loader. Adds no id of its own.
   void sendMessage(message& m) override;
-  // Sends `m` as a request and blocks the loop until its reply (same request id, SYS_TO
+  // Sends `m` as a request (it gains SYS_TYPE, SYS_REQID, SYS_REPLYEXP and SYS_FROM) and
+  // blocks the loop until its reply (same request id, SYS_TO
   // equal to m's SYS_FROM) or the time-out in ticks: ERROR_TIMEOUT then, or ERROR_FAILED
   // "bad_message" when m has no SYS_TO. 0 polls without limit, a negative time-out blocks
   // without limit. Everything else that arrives meanwhile is queued and dispatched
@@ -92,17 +93,32 @@ class Looper : public Handler, public Runner {
   void run() override;
 
   // --- transport ---------------------------------------------------------------------------
+  // Time-outs are in ticks (100 per second): 0 = do not wait, -1 = wait without limit.
+  //
+  // Reads at least `need` and at most max(need, room) bytes from the connection straight into
+  // `buffer`, bypassing the frame buffer. Returns the count, or 0 when `timeout` expires (or
+  // is 0) before the first byte; once a byte has arrived the rest is awaited without limit.
   unsigned int readRaw(unsigned char* buffer, unsigned int need, int timeout, unsigned int room);
+  // The next frame from the connection, decoded into `m`; with `mayRead` false only bytes
+  // already buffered are used. False when no whole frame came within `timeout` (a partial
+  // frame stays buffered); once a frame has begun, its rest is awaited without limit. A body
+  // that does not decode still gives true, with the fields decoded before the fault.
   bool readMessage(message& m, int timeout, bool mayRead);
   // The next message: the local queue's head, else a frame from the socket; after
   // `timeout` ticks ERROR_TIMEOUT "timeout"; a control message becomes an error message
   // "control message (<code>)".
   message getMessage(int timeout);
+  // Writes `length` bytes to the connection at once, bypassing (and overtaking) the write
+  // queue; waits for room as needed.
   void writeRaw(const unsigned char* buffer, size_t length);
   // Frames `m` onto the write queue; flushes at once when more than 1023 bytes wait.
   void writeMessage(const message& m);
   // Writes the queue out; `block` waits for room, otherwise it retries at once.
   void writeFlush(bool block);
+  // The connection's input callback: takes one control message (a leave request is
+  // answered, others are ignored), or dispatches one request (filterMessage first), or
+  // dispatches replies while whole ones are there. What stays buffered is dispatched by
+  // dispatchQueue before the loop sleeps.
   void onMsgSock(int fd, unsigned int events);
   // The before-sleep hook: dispatches the local queue and the frames already buffered, then
   // flushes the write queue.

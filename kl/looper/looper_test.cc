@@ -3,6 +3,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -335,6 +337,13 @@ TEST_F(LooperTest, GetMessageTurnsControlAndTimeoutIntoErrors) {
   EXPECT_EQ(looper_->getMessage(1).get_string(SYS_ERRSTR, ""), "timeout");
   peer_.sendCtrl(9);
   EXPECT_EQ(looper_->getMessage(100).get_string(SYS_ERRSTR, ""), "control message (9)");
+  // The local queue comes before the socket.
+  peer_.request({5}, CMD_GET);
+  message local;
+  local.insert_string(STD_DESCR, "local");
+  looper_->queueMessage(local);
+  EXPECT_EQ(looper_->getMessage(100).get_string(STD_DESCR, ""), "local");
+  EXPECT_EQ(looper_->getMessage(100).get(SYS_CMD, 0), CMD_GET);
 }
 
 TEST_F(LooperTest, SmallFramesWaitForTheFlushLargeOnesLeaveAtOnce) {
@@ -350,6 +359,282 @@ TEST_F(LooperTest, SmallFramesWaitForTheFlushLargeOnesLeaveAtOnce) {
   EXPECT_TRUE(peer_.read(&got));
   EXPECT_TRUE(peer_.read(&got));
   EXPECT_EQ(got.get_string(STD_DESCR, "").size(), 1100u);
+}
+
+// --- framing: frames split, partial and large, in both directions --------------------------
+
+std::vector<unsigned char> frameOf(const message& m) {
+  uint32_t length;
+  std::unique_ptr<unsigned char[]> frame = makeFrame(m, &length);
+  return std::vector<unsigned char>(frame.get(), frame.get() + length);
+}
+
+message tagged(unsigned int reqId, size_t padding = 0) {
+  message m;
+  m.insert(SYS_TO, {5});
+  setRequestID(m, reqId);
+  if (padding != 0) m.insert_string(STD_DESCR, std::string(padding, 'p'));
+  return m;
+}
+
+TEST_F(LooperTest, PrefixSplitOverTwoReadsIsCompleted) {
+  const std::vector<unsigned char> bytes = frameOf(tagged(3));
+  peer_.sendBytes({bytes.begin(), bytes.begin() + 2});
+  // The rest comes from another process while the Looper already waits for it.
+  fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    usleep(20 * 1000);
+    peer_.sendBytes({bytes.begin() + 2, bytes.end()});
+    _exit(0);
+  }
+  message m;
+  EXPECT_TRUE(looper_->readMessage(m, 0, true));
+  waitpid(pid, nullptr, 0);
+  EXPECT_EQ(m.get(SYS_REQID, 0), 3u);
+}
+
+TEST_F(LooperTest, PartialFrameStaysBufferedUntilReadingIsAllowed) {
+  std::vector<unsigned char> bytes = frameOf(tagged(1));
+  const std::vector<unsigned char> second = frameOf(tagged(2));
+  bytes.insert(bytes.end(), second.begin(), second.begin() + 6);
+  peer_.sendBytes(bytes);
+  message m;
+  ASSERT_TRUE(looper_->readMessage(m, 0, true));  // takes the second frame's head along
+  EXPECT_EQ(m.get(SYS_REQID, 0), 1u);
+  EXPECT_FALSE(looper_->readMessage(m, 0, false));
+  peer_.sendBytes({second.begin() + 6, second.end()});
+  ASSERT_TRUE(looper_->readMessage(m, 0, true));
+  EXPECT_EQ(m.get(SYS_REQID, 0), 2u);
+}
+
+TEST_F(LooperTest, LargeFrameIsReadExactlyToItsEnd) {
+  std::vector<unsigned char> bytes = frameOf(tagged(4, 5000));
+  const std::vector<unsigned char> small = frameOf(tagged(5));
+  bytes.insert(bytes.end(), small.begin(), small.end());
+  peer_.sendBytes(bytes);
+  message m;
+  ASSERT_TRUE(looper_->readMessage(m, 0, true));
+  EXPECT_EQ(m.get_string(STD_DESCR, "").size(), 5000u);
+  // Nothing of the next frame was taken: it is still on the socket, whole.
+  EXPECT_FALSE(looper_->readMessage(m, 0, false));
+  int pending = 0;
+  ioctl(looper_->socket(), FIONREAD, &pending);
+  ASSERT_EQ(static_cast<size_t>(pending), small.size());
+  ASSERT_TRUE(looper_->readMessage(m, 0, true));
+  EXPECT_EQ(m.get(SYS_REQID, 0), 5u);
+}
+
+TEST_F(LooperTest, OneRequestPerReadinessEventButRepliesAreDrained) {
+  // Two requests wait; one readiness event dispatches the first only.
+  peer_.request({5}, CMD_NOOP);
+  peer_.request({5}, CMD_NOOP);
+  looper_->onMsgSock(looper_->socket(), POLLIN);
+  EXPECT_EQ(handler_.seen_.size(), 1u);
+  looper_->dispatchQueue();  // the buffered second one goes before the loop sleeps
+  EXPECT_EQ(handler_.seen_.size(), 2u);
+  // Replies are drained in one event: each reaches the handler (and its reply handler).
+  message reply;
+  reply.insert(SYS_TO, {5});
+  setType(reply, TYPE_REPLY);
+  for (unsigned int id = 0; id < 3; ++id) {
+    setRequestID(reply, id);
+    peer_.send(reply);
+  }
+  unsigned int delivered = 0;
+  struct Count {
+    static void one(void* ctx, const message&, const message&) {
+      ++*static_cast<unsigned int*>(ctx);
+    }
+  };
+  for (unsigned int id = 0; id < 3; ++id) {
+    message request;
+    request.insert(SYS_TO, {40});
+    handler_.postMessage(request, &delivered, Count::one, message(), 0xFFFFFFFFu);
+  }
+  looper_->onMsgSock(looper_->socket(), POLLIN);
+  EXPECT_EQ(delivered, 3u);
+}
+
+TEST(FrameWriterTest, PartialWritesKeepTheCountsAndTheFrames) {
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  fcntl(fds[0], F_SETFL, O_NONBLOCK);
+  const int small = 4096;
+  setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  setsockopt(fds[1], SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  FrameWriter writer(fds[0], nullptr, [](void*, FrameFailure, long, int) { ADD_FAILURE(); });
+  uint32_t total = 0;
+  for (unsigned int i = 0; i < 3; ++i) total = writer.queue(tagged(i, 60000));
+  std::vector<unsigned char> received;
+  int partialPasses = 0;
+  while (!writer.flush(FrameWriter::kTry)) {
+    ++partialPasses;
+    // What left and what waits add up to what was queued, byte for byte.
+    int unread = 0;
+    ioctl(fds[1], FIONREAD, &unread);
+    ASSERT_EQ(writer.bytes() + received.size() + static_cast<uint32_t>(unread), total);
+    unsigned char chunk[65536];
+    const ssize_t n = read(fds[1], chunk, sizeof chunk);
+    ASSERT_GT(n, 0);
+    received.insert(received.end(), chunk, chunk + n);
+  }
+  EXPECT_GT(partialPasses, 2);
+  EXPECT_EQ(writer.items(), 0u);
+  EXPECT_EQ(writer.bytes(), 0u);
+  for (;;) {
+    unsigned char chunk[65536];
+    const ssize_t n = recv(fds[1], chunk, sizeof chunk, MSG_DONTWAIT);
+    if (n <= 0) break;
+    received.insert(received.end(), chunk, chunk + n);
+  }
+  ASSERT_EQ(received.size(), total);
+  size_t pos = 0;
+  for (unsigned int i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    const uint32_t length = loadLe32(received.data() + pos);
+    message m;
+    ASSERT_TRUE(m.unflatten(received.data() + pos + 4, length, message::flatten_full));
+    EXPECT_EQ(m.get(SYS_REQID, 9), i);
+    EXPECT_EQ(m.get_string(STD_DESCR, "").size(), 60000u);
+    pos += 4 + length;
+  }
+  close(fds[0]);
+  close(fds[1]);
+}
+
+// --- start-up, run and the time zone -------------------------------------------------------
+
+TEST(LooperStartTest, ReadyValuesAndPreparedServiceState) {
+  message ready;
+  ready.insert(1, 11);
+  ready.insert(2, 22);
+  ready.insert(3, 33);
+  ready.insert(6, 66);
+  ready.insert_u64(0x10000007, 0x123456789ull);
+  message service;
+  service.insert_u32_array(0x88000001, {0x12345603, 7});
+  ready.insert_message(0x28000005, service);
+  LoaderPeer peer(true, ready);
+  {
+    Looper looper(Looper::kInherit, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12);
+    EXPECT_EQ(looper.loaderValue(1), 11u);
+    EXPECT_EQ(looper.loaderValue(2), 22u);
+    EXPECT_EQ(looper.loaderValue(3), 33u);
+    EXPECT_EQ(looper.loaderValue(6), 66u);
+    EXPECT_EQ(looper.loaderValue64(), 0x123456789ull);
+    EXPECT_EQ(looper.serviceData().get_u32_array(0x88000001),
+              std::vector<unsigned int>({0x12345603, 7}));
+    // The key is w1, the first key word and w12 in the host's byte order; 0x03 + 1024 rounds.
+    const std::vector<unsigned char> state = looper.serviceData().get_raw(0x30000002, {});
+    ASSERT_EQ(state.size(), 256u);
+    const unsigned int one = 1;
+    unsigned char firstByte;
+    memcpy(&firstByte, &one, 1);
+    const std::vector<unsigned char> expected =
+        firstByte == 1 ? std::vector<unsigned char>({80, 197, 40, 70, 220, 87, 230, 200})
+                       : std::vector<unsigned char>({70, 221, 170, 15, 82, 146, 207, 71});
+    EXPECT_EQ(std::vector<unsigned char>(state.begin(), state.begin() + 8), expected);
+    const std::vector<unsigned char> tail = firstByte == 1
+                                                ? std::vector<unsigned char>({242, 239, 170, 164})
+                                                : std::vector<unsigned char>({96, 175, 238, 150});
+    EXPECT_EQ(std::vector<unsigned char>(state.end() - 4, state.end()), tail);
+  }
+  EXPECT_EQ(getLooper(), nullptr);  // the destructor lets go of it
+}
+
+// A Looper that counts onInit and, one tick into its loop, blocks leaving and stops.
+class OneTickLooper : public Looper {
+ public:
+  OneTickLooper() : Looper(kInherit, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0) {}
+  void onInit() override { ++inits_; }
+  void run() override {
+    kl::addTimer(this, &OneTickLooper::stop, 1);
+    Looper::run();
+  }
+  void stop() {
+    blockLeave();
+    shutdown();
+  }
+  int inits_ = 0;
+};
+
+// The marker file's directory does not exist here, so onInit runs on every start.
+TEST(LooperRunTest, RunAnnouncesItselfThenReleasesTheLeaveBlock) {
+  LoaderPeer peer;
+  OneTickLooper looper;
+  message registration, running, offer, blocked;
+  ASSERT_TRUE(peer.read(&registration));
+  looper.setupLeave(3);  // blocked until run(): not sent yet
+  EXPECT_TRUE(peer.quiet(0));
+  looper.run();
+  EXPECT_EQ(looper.inits_, 1);
+  ASSERT_TRUE(peer.read(&running));
+  ASSERT_TRUE(peer.read(&offer));
+  ASSERT_TRUE(peer.read(&blocked));
+  EXPECT_EQ(running.get(SYS_CTRL, 0), 6u);
+  EXPECT_EQ(offer.get(SYS_CTRL, 0), 7u);
+  EXPECT_EQ(offer.get(SYS_CTRL_ARG, 0), 3u);
+  EXPECT_EQ(blocked.get(SYS_CTRL, 0), 7u);
+  EXPECT_EQ(blocked.get(SYS_CTRL_ARG, 9), 0u);
+  EXPECT_TRUE(looper.isShutDown());
+  EXPECT_EQ(looper.socket(), -1);
+}
+
+TEST_F(LooperTest, TimezoneIsAskedOnceAndFollowsNotifications) {
+  // The answer waits on the socket before the question is asked (request ids 0 and 1: the
+  // subscription may take one).
+  for (unsigned int id = 0; id < 2; ++id) {
+    message reply;
+    reply.insert(SYS_TO, std::vector<unsigned int>());
+    setType(reply, TYPE_REPLY);
+    setRequestID(reply, id);
+    reply.insert(0x1b, 3600);
+    peer_.send(reply);
+  }
+  EXPECT_EQ(looper_->getTimezone(), 3600);
+  message subscription, question;
+  ASSERT_TRUE(peer_.read(&subscription));
+  ASSERT_TRUE(peer_.read(&question));
+  EXPECT_EQ(subscription.get(SYS_CMD, 0), CMD_SUBSCRIBE);
+  EXPECT_EQ(subscription.get_u32_array(SYS_TO), std::vector<unsigned int>({24, 0}));
+  EXPECT_EQ(subscription.get(SYS_NOTIFYCMD, 0), 0x60001u);
+  EXPECT_EQ(question.get(SYS_CMD, 0), CMD_GET);
+  EXPECT_EQ(question.get_u32_array(SYS_TO), std::vector<unsigned int>({24, 0}));
+  EXPECT_EQ(looper_->getTimezone(), 3600);
+  EXPECT_TRUE(peer_.quiet());  // asked once
+  message notice;
+  notice.insert(SYS_TO, std::vector<unsigned int>());
+  notice.insert(SYS_FROM, {24, 0});
+  notice.insert(SYS_CMD, 0x60001);
+  notice.insert(0x1b, 7200);
+  peer_.send(notice);
+  peer_.pump(*looper_);
+  EXPECT_EQ(looper_->getTimezone(), 7200);
+}
+
+TEST_F(LooperTest, ExchangeReportsTheFirstSpillOnly) {
+  message local;
+  local.insert(SYS_TO, {PATH_LOCAL, 5});
+  for (int i = 0; i < 100; ++i) looper_->queueMessage(local);
+  peer_.request({5}, CMD_GET);
+  peer_.request({5}, CMD_GET);
+  message reply;
+  reply.insert(SYS_TO, std::vector<unsigned int>());
+  setType(reply, TYPE_REPLY);
+  setRequestID(reply, 0);
+  peer_.send(reply);
+  message request;
+  request.insert(SYS_TO, {40});
+  CaptureStderr();
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(errorCode(looper_->exchangeMessage(request, 100)), 0u);
+  EXPECT_EQ(GetCapturedStderr(),
+            "full queue, spilled message:\n"
+            "exchangeMessage: queue spill  during exchange of:\n"
+            "full queue, spilled message:\n");
+  const std::string dumps = ::testing::internal::GetCapturedStdout();
+  EXPECT_NE(dumps.find("SYS_TO]=40"), std::string::npos);  // the exchanged request
 }
 
 // --- start-up and transport failures: they end the process -------------------------------

@@ -16,6 +16,15 @@
 //
 // The peer speaks the same framing as the loader (kl/looper/framing.h). Installed with the
 // optional library kl_testing for service authors' own tests.
+//
+// Limits that come from running both ends on one thread:
+// - The Looper's flush waits for room on the socket, and nothing reads while it waits: a test
+//   must read what the Looper wrote before more than the socket's buffer (some 200 KB on
+//   Linux) piles up, so one reply or one pump's replies must stay below that.
+// - A Looper awaits the rest of a frame it has begun without limit: send whole frames, or
+//   the rest of a split one from another process.
+// - Destroy the Looper before the peer: its destructor flushes what is queued, and a write
+//   to a closed peer ends the process, as a vanished loader does.
 #ifndef KL_TESTING_LOADER_PEER_H_
 #define KL_TESTING_LOADER_PEER_H_
 
@@ -57,7 +66,7 @@ class LoaderPeer {
   // The next frame the Looper wrote, within `timeoutMs`. False on time-out or when the
   // Looper's end was closed.
   bool read(message* m, int timeoutMs = 2000);
-  // Whether nothing arrives within `timeoutMs`.
+  // Whether nothing arrives within `timeoutMs`; a frame that does arrive is consumed.
   bool quiet(int timeoutMs = 50);
 
   // Lets `looper` take everything waiting on its socket and dispatch it, as its loop would
