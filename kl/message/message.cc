@@ -5,6 +5,24 @@
 #include "kl/base/endian.h"
 #include "kl/message/rep.h"
 
+// Under AddressSanitizer a kept block is poisoned, so that a handle used after its message
+// was released is still reported although the block was not freed.
+#if defined(__SANITIZE_ADDRESS__)
+#define KL_POISON_KEPT_BLOCKS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KL_POISON_KEPT_BLOCKS 1
+#endif
+#endif
+#ifdef KL_POISON_KEPT_BLOCKS
+#include <sanitizer/asan_interface.h>
+#define KL_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#define KL_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
+#else
+#define KL_POISON(p, n) ((void)(p), (void)(n))
+#define KL_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
 namespace kl {
 
 namespace {
@@ -90,7 +108,7 @@ namespace {
 // closer that returns the blocks to the allocator when the thread ends; a message released
 // after that (a static one at exit) frees its block directly.
 struct RepCache {
-  static constexpr unsigned kCapacity = 32;
+  static constexpr unsigned kCapacity = 8;
   void* blocks[kCapacity];
   unsigned count;
   bool armed;
@@ -99,14 +117,25 @@ struct RepCache {
 
 thread_local RepCache repCache __attribute__((tls_model("initial-exec")));
 
+constexpr size_t kRepBlockSize = sizeof(message::Rep) + message::Rep::kPoolSize;
+
 struct RepCacheCloser {
   ~RepCacheCloser() {
     repCache.closed = true;
-    while (repCache.count > 0) ::operator delete(repCache.blocks[--repCache.count]);
+    while (repCache.count > 0) {
+      void* block = repCache.blocks[--repCache.count];
+      KL_UNPOISON(block, kRepBlockSize);
+      ::operator delete(block);
+    }
   }
 };
 
-void* takeCachedRep() { return repCache.count > 0 ? repCache.blocks[--repCache.count] : nullptr; }
+void* takeCachedRep() {
+  if (repCache.count == 0) return nullptr;
+  void* block = repCache.blocks[--repCache.count];
+  KL_UNPOISON(block, kRepBlockSize);
+  return block;
+}
 
 // Keeps `block` for reuse; false when the cache is full or closed, and the caller frees it.
 bool keepCachedRep(void* block) {
@@ -116,6 +145,7 @@ bool keepCachedRep(void* block) {
     (void)closer;
     repCache.armed = true;
   }
+  KL_POISON(block, kRepBlockSize);
   repCache.blocks[repCache.count++] = block;
   return true;
 }
@@ -124,7 +154,7 @@ bool keepCachedRep(void* block) {
 
 message::Rep* message::Rep::create() {
   void* memory = takeCachedRep();
-  if (memory == nullptr) memory = ::operator new(sizeof(Rep) + kPoolSize);
+  if (memory == nullptr) memory = ::operator new(kRepBlockSize);
   return new (memory) Rep(kPoolSize);
 }
 

@@ -4,6 +4,17 @@
 
 #include <thread>
 
+#if defined(__SANITIZE_ADDRESS__)
+#define KL_TEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KL_TEST_ASAN 1
+#endif
+#endif
+#ifdef KL_TEST_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
 #include "kl/base/endian.h"
 #include "kl/message/htable.h"
 #include "kl/message/system.h"
@@ -350,6 +361,23 @@ TEST(Message, ReusedRepresentationsStartEmpty) {
     EXPECT_EQ(got, want);
   }
 }
+
+#ifdef KL_TEST_ASAN
+// A released representation kept for reuse is poisoned: a reference kept past the release
+// of its message is still reported by the sanitizer.
+TEST(Message, KeptRepresentationsArePoisoned) {
+  message m;
+  m.insert_string(1, "lives in the node pool");
+  const std::string* value = static_cast<const message&>(m).get_string_ref(1);
+  ASSERT_NE(value, nullptr);
+  EXPECT_FALSE(__asan_address_is_poisoned(value));
+  m = message();
+  EXPECT_TRUE(__asan_address_is_poisoned(value));
+  message again;
+  again.insert_string(1, "x");
+  EXPECT_FALSE(__asan_address_is_poisoned(static_cast<const message&>(again).get_string_ref(1)));
+}
+#endif
 
 // Messages may be built on one thread and dropped on another, and a thread that ends
 // returns what it kept (the sanitizer build reports a leak or a double free here).
