@@ -122,12 +122,21 @@ void Handler::cmdDisconnected(const message& m) {
   if (subscriptions_.empty() || gone.empty()) return;
   for (size_t i = 0; i < subscriptions_.size();) {
     const message record = subscriptions_[i];
-    if (startsWith(record.get_u32_array(SYS_FROM), gone)) {
-      unsubscribed(record);
-      subscriptions_.erase(subscriptions_.begin() + static_cast<ptrdiff_t>(i));
-    } else {
+    if (!startsWith(record.get_u32_array(SYS_FROM), gone)) {
       ++i;
+      continue;
     }
+    const size_t before = subscriptions_.size();
+    unsubscribed(record);
+    if (subscriptions_.size() == before && subscriptions_[i] == record) {
+      subscriptions_.erase(subscriptions_.begin() + static_cast<ptrdiff_t>(i));
+      continue;
+    }
+    // The hook changed the list: the record is looked up again, and the scan starts over
+    // (every record it has removed so far is gone, so no hook runs twice).
+    auto it = std::find(subscriptions_.begin(), subscriptions_.end(), record);
+    if (it != subscriptions_.end()) subscriptions_.erase(it);
+    i = 0;
   }
 }
 

@@ -437,6 +437,42 @@ TEST_F(HandlerTest, DisconnectDropsSubscriptionsUnderThePath) {
   EXPECT_TRUE(peer_->quiet());  // no request id: no reply
 }
 
+// A service's unsubscribed hook may change the subscriptions itself: the record the
+// disconnect is removing is looked up again, and the others stay.
+class DropsPeerFiveWithSix : public Objects {
+ public:
+  void unsubscribed(const message& record) override {
+    Objects::unsubscribed(record);
+    if (record.get_u32_array(SYS_FROM) != std::vector<unsigned int>{6}) return;
+    message five;
+    five.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
+    five.insert(SYS_FROM, std::vector<unsigned int>{5});
+    cmdUnsubscribe(five);
+  }
+};
+
+TEST_F(HandlerTest, DisconnectCopesWithAHookThatChangesTheSubscriptions) {
+  DropsPeerFiveWithSix handler;
+  start(message(), &handler);
+  for (unsigned int from : {5u, 6u, 7u}) {
+    message body;
+    body.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
+    peer_->request({5}, CMD_SUBSCRIBE, body, {from});
+    peer_->pump(*looper_);
+    message reply;
+    ASSERT_TRUE(peer_->read(&reply));
+  }
+  message gone;
+  gone.insert(SYS_CMD, CMD_DISCONNECTED);
+  gone.insert(SYS_FROM, std::vector<unsigned int>{6});
+  gone.insert(SYS_TO, std::vector<unsigned int>());
+  peer_->send(gone);
+  peer_->pump(*looper_);
+  ASSERT_EQ(handler.subscriptions().size(), 1u);
+  EXPECT_EQ(handler.subscriptions()[0].get_u32_array(SYS_FROM), std::vector<unsigned int>{7});
+  EXPECT_EQ(handler.unsubscribedSeen_.size(), 2u);
+}
+
 TEST_F(HandlerTest, UnsubscribeRemovesTheMatchingRecord) {
   subscribe(kPathA);
   message body;
