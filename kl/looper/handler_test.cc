@@ -70,6 +70,16 @@ class HandlerTest : public ::testing::Test {
     ASSERT_TRUE(peer_->read(&reply));
   }
 
+  // The loader's notice that the peer at `path` went away.
+  void disconnect(const std::vector<unsigned int>& path) {
+    message gone;
+    gone.insert(SYS_CMD, CMD_DISCONNECTED);
+    gone.insert(SYS_FROM, path);
+    gone.insert(SYS_TO, std::vector<unsigned int>());
+    peer_->send(gone);
+    peer_->pump(*looper_);
+  }
+
   // The next frame, which must be a notification; its objects' ids in order.
   std::vector<unsigned int> notifiedIds(message* n) {
     std::vector<unsigned int> ids;
@@ -425,12 +435,7 @@ TEST_F(HandlerTest, DisconnectDropsSubscriptionsUnderThePath) {
   subscribe({5});
   subscribe({5, 7});
   subscribe({6});
-  message gone;
-  gone.insert(SYS_CMD, CMD_DISCONNECTED);
-  gone.insert(SYS_FROM, std::vector<unsigned int>{5});
-  gone.insert(SYS_TO, std::vector<unsigned int>());
-  peer_->send(gone);
-  peer_->pump(*looper_);
+  disconnect({5});
   ASSERT_EQ(objects_.subscriptions().size(), 1u);
   EXPECT_EQ(objects_.subscriptions()[0].get_u32_array(SYS_FROM), std::vector<unsigned int>({6}));
   EXPECT_EQ(objects_.unsubscribedSeen_.size(), 2u);
@@ -454,20 +459,8 @@ class DropsPeerFiveWithSix : public Objects {
 TEST_F(HandlerTest, DisconnectCopesWithAHookThatChangesTheSubscriptions) {
   DropsPeerFiveWithSix handler;
   start(message(), &handler);
-  for (unsigned int from : {5u, 6u, 7u}) {
-    message body;
-    body.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
-    peer_->request({5}, CMD_SUBSCRIBE, body, {from});
-    peer_->pump(*looper_);
-    message reply;
-    ASSERT_TRUE(peer_->read(&reply));
-  }
-  message gone;
-  gone.insert(SYS_CMD, CMD_DISCONNECTED);
-  gone.insert(SYS_FROM, std::vector<unsigned int>{6});
-  gone.insert(SYS_TO, std::vector<unsigned int>());
-  peer_->send(gone);
-  peer_->pump(*looper_);
+  for (unsigned int from : {5u, 6u, 7u}) subscribe({from});
+  disconnect({6});
   ASSERT_EQ(handler.subscriptions().size(), 1u);
   EXPECT_EQ(handler.subscriptions()[0].get_u32_array(SYS_FROM), std::vector<unsigned int>{7});
   EXPECT_EQ(handler.unsubscribedSeen_.size(), 2u);

@@ -3,19 +3,12 @@
 #include <new>
 
 #include "kl/base/endian.h"
+#include "kl/base/sanitizer.h"
 #include "kl/message/rep.h"
 
 // Under AddressSanitizer a kept block is poisoned, so that a handle used after its message
 // was released is still reported although the block was not freed.
-#if defined(__SANITIZE_ADDRESS__)
-#define KL_POISON_KEPT_BLOCKS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KL_POISON_KEPT_BLOCKS 1
-#endif
-#endif
-#ifdef KL_POISON_KEPT_BLOCKS
-#include <sanitizer/asan_interface.h>
+#ifdef KL_ADDRESS_SANITIZER
 #define KL_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
 #define KL_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
 #else

@@ -4,18 +4,8 @@
 
 #include <thread>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define KL_TEST_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KL_TEST_ASAN 1
-#endif
-#endif
-#ifdef KL_TEST_ASAN
-#include <sanitizer/asan_interface.h>
-#endif
-
 #include "kl/base/endian.h"
+#include "kl/base/sanitizer.h"
 #include "kl/message/htable.h"
 #include "kl/message/system.h"
 
@@ -362,7 +352,7 @@ TEST(Message, ReusedRepresentationsStartEmpty) {
   }
 }
 
-#ifdef KL_TEST_ASAN
+#ifdef KL_ADDRESS_SANITIZER
 // A released representation kept for reuse is poisoned: a reference kept past the release
 // of its message is still reported by the sanitizer.
 TEST(Message, KeptRepresentationsArePoisoned) {
