@@ -5,9 +5,9 @@
 //
 //   store_kill [KILLS]     KILLS rounds of each kind (default 300)
 //
-// Prints one line per kind; exits 1 when a kill left another id's value under the
-// interrupted id, damaged an id that was not being written, or left a rewritten store
-// neither old nor new.
+// Prints one line per kind; exits 1 when a kill wiped the store, left another id's value
+// under the interrupted id, damaged an id that was not being written, or left a rewritten
+// store neither old nor new.
 #include <stdlib.h>
 
 #include <cstdio>
@@ -25,14 +25,20 @@ int main(int argc, char** argv) {
   if (mkdtemp(pattern) == nullptr) return 2;
   const std::string dir = pattern;
 
-  const kl::testing::WriteKillFigures w = kl::testing::killWrites(dir + "/writes", kills, 7);
-  printf(
-      "writes: %d kills, %d wipes; interrupted id: %d old value, %d new value, %d nothing, "
-      "%d another id's value, %d an earlier value of its own, %d unreadable; %d other ids "
-      "damaged\n",
-      w.kills, w.wipes, w.oldValue, w.newValue, w.nothing, w.otherIds, w.earlierValue, w.unreadable,
-      w.othersDamaged);
-  bool bad = w.otherIds != 0 || w.earlierValue != 0 || w.othersDamaged != 0;
+  bool bad = false;
+  for (const kl::testing::WriterShape& shape :
+       {kl::testing::kSmallWriter, kl::testing::kVariedWriter}) {
+    const kl::testing::WriteKillFigures w =
+        kl::testing::killWrites(dir + "/writes", kills, 7, shape);
+    printf(
+        "writes (%u ids, %u-%u B): %d kills, %d wipes; interrupted id: %d old value, %d new "
+        "value, %d nothing, %d another id's value, %d an earlier value of its own, %d "
+        "unreadable; %d other ids damaged\n",
+        shape.ids, shape.minSize, shape.maxSize, w.kills, w.wipes, w.oldValue, w.newValue,
+        w.nothing, w.otherIds, w.earlierValue, w.unreadable, w.othersDamaged);
+    bad = bad || w.wipes != 0 || w.otherIds != 0 || w.earlierValue != 0 || w.unreadable != 0 ||
+          w.othersDamaged != 0;
+  }
   for (const bool bigEndian : {false, true}) {
     const kl::testing::RewriteKillFigures r =
         kl::testing::killRewrite(dir + "/rewrite", kills, 40, bigEndian, 11);

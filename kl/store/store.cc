@@ -8,8 +8,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <limits>
 
 #include "kl/runner/fault_guard.h"
@@ -24,7 +24,7 @@ using storefmt::kFreeId;
 using storefmt::kRecordHeaderSize;
 using storefmt::kSlotSize;
 
-void report(const char* text) { std::cerr << "STORE: " << text << std::endl; }
+void report(const char* text) { fprintf(stderr, "STORE: %s\n", text); }
 
 // Reads exactly n bytes unless the file ends or fails first; the count read, -1 on error.
 ssize_t readFully(int fd, void* buf, size_t n) {
@@ -57,6 +57,14 @@ int recreate(const std::string& file) {
 // Whether a failed pread or pwrite failed at its position (what a seek would have reported).
 bool positionRejected(int err) {
   return err == EBADF || err == EINVAL || err == EOVERFLOW || err == ESPIPE;
+}
+
+// Whether a record of `length` bytes at `offset` lies in one page of the file. A write that
+// spans pages can be cut between two of them by a kill, which would leave an overwritten
+// record half old and half new; one within a page is written whole or not at all.
+bool withinOnePage(unsigned offset, unsigned length) {
+  const unsigned long page = static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
+  return offset / page == (0ul + offset + length - 1) / page;
 }
 
 void closeIfOpen(int& fd) {
@@ -188,30 +196,7 @@ void Store::finishRewrite() {
 bool Store::readIndex(bool swapped) {
   cleanup();
   if (!openIdx()) return false;
-  if (lseek(idxFd_, 0, SEEK_SET) < 0) {
-    report("readIndex lseek failed");
-    return false;
-  }
-  for (;;) {
-    unsigned char raw[kSlotSize];
-    const ssize_t n = readFully(idxFd_, raw, kSlotSize);
-    if (n < 0) {
-      report("readIndex read failed");
-      return false;
-    }
-    if (n < static_cast<ssize_t>(kSlotSize)) break;  // a trailing partial slot is ignored
-    const storefmt::Slot slot = storefmt::loadSlot(raw, swapped);
-    const Entry extent{dataSize_, slot.length, indexCount_, slot.age};
-    ++indexCount_;
-    dataSize_ += slot.length;
-    if (slot.id != kFreeId) {
-      entries_.insert({slot.id, extent});  // a later duplicate is ignored
-    } else {
-      freeList_.push_back(extent);
-      freeBytes_ += slot.length;
-      ++freeCount_;
-    }
-  }
+  if (!loadSlots(swapped)) return false;
   struct stat st;
   if (stat((path_ + ".dat").c_str(), &st) != 0) {
     report("readIndex stat failed");
@@ -228,14 +213,109 @@ bool Store::readIndex(bool swapped) {
     return true;
   }
   if (!swapped) return readIndex(true);  // perhaps the big-endian form
+  if (recoverInterruptedWrite()) {
+    cleanup();
+    if (loadSlots(false) && stat((path_ + ".dat").c_str(), &st) == 0 &&
+        static_cast<unsigned long long>(st.st_size) == dataSize_) {
+      return true;
+    }
+  }
   report("readIndex size mismatch");
   return false;
+}
+
+// Reads the index from its start into the in-memory state; false after a line on a failure.
+bool Store::loadSlots(bool swapped) {
+  if (lseek(idxFd_, 0, SEEK_SET) < 0) {
+    report("readIndex lseek failed");
+    return false;
+  }
+  for (;;) {
+    unsigned char raw[kSlotSize];
+    const ssize_t n = readFully(idxFd_, raw, kSlotSize);
+    if (n < 0) {
+      report("readIndex read failed");
+      return false;
+    }
+    if (n < static_cast<ssize_t>(kSlotSize)) return true;  // a trailing partial slot is ignored
+    const storefmt::Slot slot = storefmt::loadSlot(raw, swapped);
+    const Entry extent{dataSize_, slot.length, indexCount_, slot.age};
+    ++indexCount_;
+    dataSize_ += slot.length;
+    if (slot.id != kFreeId) {
+      entries_.insert({slot.id, extent});  // a later duplicate is ignored
+    } else {
+      freeList_.push_back(extent);
+      freeBytes_ += slot.length;
+      ++freeCount_;
+    }
+  }
+}
+
+// An append writes its slot, then its record. A process killed between the two, or a flash
+// that filled up, leaves a data file shorter than the index says: the last slot may be live
+// without a whole record (the interrupted set), and slots of appends that failed on a full
+// flash (marked free when the failure was seen, some reused since) may reach past the end
+// of the file. That shape, and only that one, is repaired: the incomplete last slot is cut
+// off (its id is lost, as a failed set loses it) and the data file is brought to the length
+// the index describes. Every other disagreement is left to the wipe. Runs under the lock, so
+// a write another process has in flight finishes first.
+bool Store::recoverInterruptedWrite() {
+  Lock lock(*this);
+  std::vector<storefmt::Slot> slots;
+  if (lseek(idxFd_, 0, SEEK_SET) < 0) return false;
+  for (unsigned char raw[kSlotSize];
+       readFully(idxFd_, raw, kSlotSize) == static_cast<ssize_t>(kSlotSize);) {
+    slots.push_back(storefmt::loadSlot(raw, false));
+  }
+  const int dat = open((path_ + ".dat").c_str(), O_RDWR);
+  if (dat < 0) return false;
+  const bool repaired = repairShortDataFile(dat, slots);
+  close(dat);
+  return repaired;
+}
+
+// The step of recoverInterruptedWrite that reads the data file and changes both files.
+bool Store::repairShortDataFile(int dat, std::vector<storefmt::Slot>& slots) {
+  struct stat st;
+  if (fstat(dat, &st) != 0) return false;
+  const unsigned long long fileSize = static_cast<unsigned long long>(st.st_size);
+  unsigned long long offset = 0;
+  bool lastCut = false;
+  for (size_t k = 0; k < slots.size(); offset += slots[k++].length) {
+    const unsigned long long end = offset + slots[k].length;
+    if (end <= fileSize || slots[k].id == kFreeId) continue;
+    unsigned char header[kRecordHeaderSize];
+    const bool whole = pread(dat, header, kRecordHeaderSize, static_cast<off_t>(offset)) ==
+                           static_cast<ssize_t>(kRecordHeaderSize) &&
+                       loadLe16(header) >= kRecordHeaderSize &&
+                       loadLe16(header) <= slots[k].length && offset + loadLe16(header) <= fileSize;
+    if (whole) continue;
+    if (k + 1 != slots.size()) return false;  // only the last set can be incomplete
+    lastCut = true;
+  }
+  if (offset <= fileSize) return offset == fileSize;  // consistent now, or data too long
+  const uint32_t lost = lastCut ? slots.back().id : kFreeId;
+  if (lastCut) {
+    offset -= slots.back().length;
+    slots.pop_back();
+  }
+  if (ftruncate(idxFd_, static_cast<off_t>(slots.size()) * kSlotSize) != 0 ||
+      ftruncate(dat, static_cast<off_t>(offset)) != 0) {
+    return false;
+  }
+  if (lastCut) {
+    fprintf(stderr, "STORE: readIndex recovered an interrupted write of id %u\n", lost);
+  } else {
+    fprintf(stderr, "STORE: readIndex recovered a data file cut short by a failed write\n");
+  }
+  return true;
 }
 
 // Whether the store is read-only, after a line naming the operation it refuses.
 bool Store::refused(const char* operation) const {
   if (!bigEndian_) return false;
-  std::cerr << "STORE: " << operation << " refused: big-endian files kept read-only" << std::endl;
+  fprintf(stderr, "STORE: %s refused: big-endian files kept read-only\n", operation);
   return true;
 }
 
@@ -279,7 +359,7 @@ message Store::readRecord(unsigned offset, unsigned hint) {
   }
   const unsigned length = bigEndian_ ? loadBe16(readBuffer_.data()) : loadLe16(readBuffer_.data());
   if (length < kRecordHeaderSize) {
-    std::cerr << "STORE: readMsg invalid header: msg len " << length << std::endl;
+    fprintf(stderr, "STORE: readMsg invalid header: msg len %u\n", length);
     return message();
   }
   if (n < static_cast<ssize_t>(length)) {
@@ -442,7 +522,7 @@ void Store::set(unsigned id, const message& m) {
   Lock lock(*this);  // one lock over the slot and the record
   auto it = entries_.find(id);
   if (it != entries_.end()) {
-    if (it->second.length >= needed) {
+    if (it->second.length >= needed && withinOnePage(it->second.offset, needed)) {
       writeMsg(it->second.offset, bytes);  // the slot already describes the extent
       return;
     }

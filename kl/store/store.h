@@ -13,9 +13,18 @@
 //
 // A store whose files are missing or disagree (data size differs from the sum of the slot
 // lengths in both byte orders) is wiped and starts empty with `restarted` set; this is also
-// what a first run looks like. A compaction or conversion interrupted by a kill is undone or
-// finished on opening, so the store opens as the old pair or the new one. Failures print one
-// "STORE: " line on the error stream.
+// what a first run looks like. One disagreement is repaired instead, as the files' own
+// history explains it: a data file shorter than the index says, where only the last slot
+// lacks a whole record (a set killed between its slot and its record) and any other slot
+// reaching past the end is free or holds a whole record (appends that failed on a full
+// flash). The store then opens as it was before that set, without its id, after one
+// "STORE: readIndex recovered ..." line, and `restarted` stays false. This is deliberate:
+// wiping every message for one interrupted write would lose data that was flushed long ago.
+// For the same reason a replacement that fits its old extent is written there only when the
+// record lies within one page of the file; one that would span pages is placed as a longer
+// one is (the old extent freed first), so a kill never leaves a value half old, half new. A
+// compaction or conversion interrupted by a kill is undone or finished on opening, so the store
+// opens as the old pair or the new one. Failures print one "STORE: " line on the error stream.
 //
 // Files in the big-endian form are converted to the little-endian form when the store opens.
 // Should the conversion fail (no room for the new files, a full flash), the big-endian files
@@ -36,6 +45,7 @@
 
 #include "kl/message/message.h"
 #include "kl/runner/thin_runner.h"
+#include "kl/store/store_format.h"
 
 namespace kl {
 
@@ -138,6 +148,9 @@ class Store {
   static constexpr unsigned long long kMinMapLength = 1 << 20;
 
   bool bloated() const;
+  bool loadSlots(bool swapped);
+  bool recoverInterruptedWrite();
+  bool repairShortDataFile(int dat, std::vector<storefmt::Slot>& slots);
   bool refused(const char* operation) const;
   void finishRewrite();
   message readRecord(unsigned offset, unsigned hint);

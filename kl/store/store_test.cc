@@ -213,6 +213,24 @@ TEST_F(StoreTest, ShorterReplacementKeepsTheExtentLongerOneMoves) {
   EXPECT_TRUE(s->get(1) == sized(4, 300));
 }
 
+// A record that would span two pages of the data file is not overwritten in place (a kill
+// between the pages would leave it half old, half new): it is placed as a longer one is.
+TEST_F(StoreTest, AReplacementSpanningPagesIsPlacedAnew) {
+  std::string err;
+  std::unique_ptr<Store> s = openQuietly(&err);
+  s->set(1, sized(1, 3000));  // bytes 0 .. ~3000: within the first page
+  s->set(2, sized(2, 3000));  // across the first page boundary
+  s->set(3, sized(3, 3000));  // within the second page
+  s->set(3, sized(4, 2900));
+  EXPECT_EQ(slots()[2][0], 3u);  // in place
+  s->remove(1);
+  s->set(2, sized(5, 2900));  // freed and placed first fit: in the extent of id 1
+  EXPECT_EQ(slots()[0][0], 2u);
+  EXPECT_EQ(slots()[1][0], 0xFFFFFFFFu);
+  EXPECT_TRUE(s->get(2) == sized(5, 2900));
+  EXPECT_TRUE(s->get(3) == sized(4, 2900));
+}
+
 TEST_F(StoreTest, TheMostRecentlyRemovedExtentIsTriedFirst) {
   std::string err;
   std::unique_ptr<Store> s = openQuietly(&err);
@@ -496,6 +514,169 @@ TEST_F(StoreTest, DataOneByteTooLongWipesTheStore) {
   EXPECT_TRUE(file(".dat").empty());
 }
 
+// What an interrupted or failed append leaves, built by hand: slots appended to the index
+// after a store of ids 1 and 2, each {id, length}, and `record` bytes appended to the data
+// file (a record that was cut short, or the whole record of a reused extent).
+class StoreRecoveryTest : public StoreTest {
+ protected:
+  void SetUp() override {
+    StoreTest::SetUp();
+    storeOneAndTwo();
+  }
+  // A new store of ids 1 and 2, in place of what was there.
+  void storeOneAndTwo() {
+    testing::removeStoreFiles(base());
+    std::string err;
+    std::unique_ptr<Store> s = openQuietly(&err);
+    s->set(1, sized(1, 50));
+    s->set(2, sized(2, 70));
+  }
+  void appendSlots(const std::vector<std::pair<uint32_t, uint32_t> >& added) {
+    Bytes idx = file(".idx");
+    for (const auto& slot : added) {
+      unsigned char raw[storefmt::kSlotSize];
+      storefmt::storeSlot(raw, storefmt::Slot{slot.first, slot.second, 10});
+      idx.insert(idx.end(), raw, raw + sizeof raw);
+    }
+    writeBytes(".idx", idx);
+  }
+  void appendData(const Bytes& bytes) {
+    Bytes dat = file(".dat");
+    dat.insert(dat.end(), bytes.begin(), bytes.end());
+    writeBytes(".dat", dat);
+  }
+  // A record as the store writes it.
+  static Bytes record(const message& m) {
+    Bytes flat;
+    m.flatten(flat);
+    Bytes out(2);
+    storeLe16(out.data(), static_cast<uint16_t>(flat.size() + 2));
+    out.insert(out.end(), flat.begin(), flat.end());
+    return out;
+  }
+  void expectOneAndTwo(const Store& s) {
+    EXPECT_FALSE(s.restarted);
+    EXPECT_TRUE(const_cast<Store&>(s).get(1) == sized(1, 50));
+    EXPECT_TRUE(const_cast<Store&>(s).get(2) == sized(2, 70));
+  }
+};
+
+TEST_F(StoreRecoveryTest, ASetKilledBeforeItsRecordLosesOnlyItsId) {
+  const Bytes idx = file(".idx"), dat = file(".dat");
+  appendSlots({{3, 90}});
+  std::string err;
+  std::unique_ptr<Store> s = openQuietly(&err);
+  EXPECT_EQ(err, "STORE: readIndex recovered an interrupted write of id 3\n");
+  expectOneAndTwo(*s);
+  EXPECT_EQ(s->ids(), (std::vector<unsigned>{1, 2}));
+  EXPECT_EQ(file(".idx"), idx);
+  EXPECT_EQ(file(".dat"), dat);
+  s->set(3, sized(3, 30));  // the repaired files take writes where they left off
+  s.reset();
+  s = openQuietly(&err);
+  EXPECT_EQ(err, "");
+  EXPECT_TRUE(s->get(3) == sized(3, 30));
+}
+
+TEST_F(StoreRecoveryTest, ARecordCutShortIsCutOff) {
+  const Bytes dat = file(".dat");
+  const Bytes whole = record(sized(3, 80));
+  appendSlots({{3, static_cast<uint32_t>(whole.size())}});
+  appendData(Bytes(whole.begin(), whole.end() - 1));
+  std::string err;
+  std::unique_ptr<Store> s = openQuietly(&err);
+  EXPECT_EQ(err, "STORE: readIndex recovered an interrupted write of id 3\n");
+  expectOneAndTwo(*s);
+  EXPECT_FALSE(s->has(3));
+  EXPECT_EQ(file(".dat"), dat);
+}
+
+// A full flash: two appends failed (their slots were marked free), a later set reused the
+// first free extent and completed, and the last set was interrupted.
+TEST_F(StoreRecoveryTest, SlotsOfFailedAppendsAreKeptAndTheDataFileFilledOut) {
+  const Bytes reused = record(sized(4, 60));
+  appendSlots({{4, 200}, {storefmt::kFreeId, 150}, {5, 40}});
+  appendData(reused);
+  std::string err;
+  std::unique_ptr<Store> s = openQuietly(&err);
+  EXPECT_EQ(err, "STORE: readIndex recovered an interrupted write of id 5\n");
+  expectOneAndTwo(*s);
+  EXPECT_TRUE(s->get(4) == sized(4, 60));
+  EXPECT_FALSE(s->has(5));
+  EXPECT_EQ(slots().size(), 4u);
+  EXPECT_EQ(file(".dat").size(), record(sized(1, 50)).size() + record(sized(2, 70)).size() + 350);
+}
+
+TEST_F(StoreRecoveryTest, FreeSlotsPastTheEndAloneAreRepaired) {
+  appendSlots({{storefmt::kFreeId, 100}, {storefmt::kFreeId, 30}});
+  std::string err;
+  std::unique_ptr<Store> s = openQuietly(&err);
+  EXPECT_EQ(err, "STORE: readIndex recovered a data file cut short by a failed write\n");
+  expectOneAndTwo(*s);
+}
+
+// Only the last slot can belong to an interrupted set: other shapes are not repaired.
+TEST_F(StoreRecoveryTest, OtherShortDataFilesStillWipe) {
+  const std::vector<std::vector<std::pair<uint32_t, uint32_t> > > shapes = {
+      {{3, 90}, {4, 40}},                  // two live slots without records
+      {{3, 90}, {storefmt::kFreeId, 40}},  // a live one before a free one
+  };
+  for (const auto& shape : shapes) {
+    SCOPED_TRACE(shape.size());
+    storeOneAndTwo();
+    appendSlots(shape);
+    std::string err;
+    std::unique_ptr<Store> s = openQuietly(&err);
+    EXPECT_EQ(err, "STORE: readIndex size mismatch\n");
+    EXPECT_TRUE(s->restarted);
+  }
+  storeOneAndTwo();
+  Bytes dat = file(".dat");
+  dat.resize(10);  // the record of the first slot is cut too: not what a failed append leaves
+  writeBytes(".dat", dat);
+  std::string err;
+  EXPECT_TRUE(openQuietly(&err)->restarted);
+  EXPECT_EQ(err, "STORE: readIndex size mismatch\n");
+}
+
+// A flash that fills up: sets go on until writes fail. Every set that completed is there
+// after reopening, the store is not wiped, and it takes writes again once there is room.
+TEST_F(StoreTest, AFullFlashLosesNoCompletedSet) {
+  const std::string done = root_ + "/done";
+  EXPECT_EQ(inChild([&]() {
+              signal(SIGXFSZ, SIG_IGN);
+              const struct rlimit limit = {40000, 40000};
+              if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return false;
+              const int null = ::open("/dev/null", O_WRONLY);
+              dup2(null, 2);
+              std::ofstream out(done);
+              Store s(base(), 10);
+              for (unsigned id = 0; id < 200; ++id) {
+                s.set(id % 70, sized(id, 100 + id * 37 % 900));
+                if (s.has(id % 70)) out << id << "\n";
+                if (id % 9 == 8) s.remove((id * 7) % 70);
+              }
+              return true;
+            }),
+            0);
+  std::map<unsigned, message> expected;
+  std::ifstream in(done);
+  for (unsigned id; in >> id;) expected[id % 70] = sized(id, 100 + id * 37 % 900);
+  std::string err;
+  std::unique_ptr<Store> s = openQuietly(&err);
+  EXPECT_FALSE(s->restarted) << err;
+  unsigned lost = 0;
+  for (const auto& m : expected) {
+    if (s->has(m.first) && !(s->get(m.first) == m.second)) ++lost;
+  }
+  EXPECT_EQ(lost, 0u);
+  s->set(1000, sized(1000, 40));
+  s.reset();
+  s = openQuietly(&err);
+  EXPECT_EQ(err, "");
+  EXPECT_TRUE(s->get(1000) == sized(1000, 40));
+}
+
 TEST_F(StoreTest, TrailingPartialSlotIsIgnored) {
   std::string err;
   openQuietly(&err)->set(1, sized(1, 50));
@@ -740,19 +921,29 @@ TEST_F(StoreTest, WritersExcludeEachOtherAfterTheFilesWereDeleted) {
 }
 
 // A writer killed at random moments (bench/store_kill runs hundreds of these and prints the
-// figures). The store reopens either wiped (`restarted`) or with every id at its last
-// completed value, except the id being written, which holds its old value, its new value or
-// nothing: never a value written under another id, nor an older one of its own.
-TEST_F(StoreTest, SurvivesKillsDuringAStreamOfWrites) {
-  const testing::WriteKillFigures f = testing::killWrites(base(), 80, 99);
+// figures). The store reopens with every id at its last completed value, except the id
+// being written, which holds its old value, its new value or nothing: never a value written
+// under another id, nor an older one of its own, and the store is never wiped.
+class StoreKillTest : public StoreTest,
+                      public ::testing::WithParamInterface<testing::WriterShape> {};
+
+TEST_P(StoreKillTest, SurvivesKillsDuringAStreamOfWrites) {
+  const testing::WriteKillFigures f = testing::killWrites(base(), 80, 99, GetParam());
+  EXPECT_EQ(f.wipes, 0);
   EXPECT_EQ(f.otherIds, 0);
   EXPECT_EQ(f.earlierValue, 0);
   EXPECT_EQ(f.unreadable, 0);
   EXPECT_EQ(f.othersDamaged, 0);
-  std::cout << "store kill test: " << f.kills << " kills, " << f.wipes
-            << " wipes; interrupted id: " << f.oldValue << " old, " << f.newValue << " new, "
-            << f.nothing << " nothing\n";
+  std::cout << "store kill test (" << GetParam().ids << " ids): " << f.kills << " kills, "
+            << f.wipes << " wipes; interrupted id: " << f.oldValue << " old, " << f.newValue
+            << " new, " << f.nothing << " nothing\n";
 }
+
+INSTANTIATE_TEST_SUITE_P(Writers, StoreKillTest,
+                         ::testing::Values(testing::kSmallWriter, testing::kVariedWriter),
+                         [](const ::testing::TestParamInfo<testing::WriterShape>& info) {
+                           return std::to_string(info.param.ids) + "Ids";
+                         });
 
 }  // namespace
 }  // namespace kl

@@ -5,11 +5,11 @@
 // the store's unit tests (a few dozen kills) and by bench/store_kill (hundreds, with the
 // figures printed).
 //
-// killWrites: the child runs a random stream of set and remove over 16 ids (without a runner,
-// so every write is followed by its fsync pair, and removals now and then compact the
-// store). It announces each operation on a pipe before it starts and confirms it after, so
-// the parent knows the last completed value of every id and the one operation that may have
-// been in flight.
+// killWrites: the child runs a random stream of set and remove over a WriterShape's ids, with
+// values of random sizes, so that overwrites grow and shrink (without a runner, so every
+// write is followed by its fsync pair, and removals now and then compact the store). It announces
+// each operation on a pipe before it starts and confirms it after, so the parent knows the last
+// completed value of every id and the one operation that may have been in flight.
 //
 // killRewrite: the child opens a prepared store whose opening rewrites both files, either a
 // bloated little-endian store (compaction) or a big-endian one (conversion); the child runs
@@ -91,16 +91,25 @@ struct WriteKillFigures {
   int othersDamaged = 0;  // ids that were not in flight and lost their last value
 };
 
+// The ids a kill writer works on and the range of its values' flattened sizes.
+struct WriterShape {
+  unsigned ids;
+  unsigned minSize;
+  unsigned maxSize;
+};
+constexpr WriterShape kSmallWriter{16, 20, 420};    // few ids, records below one read-ahead
+constexpr WriterShape kVariedWriter{64, 20, 3000};  // more ids, records of many sizes
+
 namespace internal {
 
-[[noreturn]] inline void runWriter(const std::string& base, unsigned seed, unsigned firstTag,
-                                   int journal) {
+[[noreturn]] inline void runWriter(const std::string& base, const WriterShape& shape, unsigned seed,
+                                   unsigned firstTag, int journal) {
   std::mt19937 r(seed);
   Store s(base, 10);
   for (unsigned tag = firstTag;; ++tag) {
-    const unsigned id = r() % 16;
+    const unsigned id = r() % shape.ids;
     const bool erase = r() % 4 == 0;
-    const unsigned size = 20 + r() % 400;
+    const unsigned size = shape.minSize + r() % (shape.maxSize - shape.minSize);
     char line[64];
     int n = snprintf(line, sizeof line, "B %u %u %u %u\n", id, erase, tag, size);
     if (write(journal, line, n) != n) _exit(2);
@@ -116,7 +125,8 @@ namespace internal {
 }  // namespace internal
 
 // `kills` rounds over one store at base (removed first).
-inline WriteKillFigures killWrites(const std::string& base, int kills, unsigned seed) {
+inline WriteKillFigures killWrites(const std::string& base, int kills, unsigned seed,
+                                   const WriterShape& shape = kSmallWriter) {
   removeStoreFiles(base);
   std::mt19937 rng(seed);
   WriteKillFigures f;
@@ -132,7 +142,7 @@ inline WriteKillFigures killWrites(const std::string& base, int kills, unsigned 
       close(journal[0]);
       const int null = open("/dev/null", O_WRONLY);
       dup2(null, 2);
-      internal::runWriter(base, childSeed, (round + 1) * 1000000u, journal[1]);
+      internal::runWriter(base, shape, childSeed, (round + 1) * 1000000u, journal[1]);
     }
     close(journal[1]);
     usleep(1000 + rng() % 20000);
@@ -169,7 +179,7 @@ inline WriteKillFigures killWrites(const std::string& base, int kills, unsigned 
       model.clear();
       continue;
     }
-    for (unsigned i = 0; i < 16; ++i) {
+    for (unsigned i = 0; i < shape.ids; ++i) {
       const auto old = model.find(i);
       const bool has = s->has(i);
       const message got = has ? s->get(i) : message();
