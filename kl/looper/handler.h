@@ -180,6 +180,8 @@ class Handler {
   message* sendNotifies(message* begin, message* end);
   // Addresses `n` to every interested subscriber with a non-empty path (one
   // multi-destination path) and sends it once; sends nothing when nobody is interested.
+  // When the subscribers' paths together need more elements than an array holds on the
+  // wire (65535), `n` goes out in as many frames as needed, each subscriber in exactly one.
   // REQUIRES: n has SYS_CMD.
   void sendNotify(message& n);
   const std::vector<message>& subscriptions() const { return subscriptions_; }
@@ -208,6 +210,10 @@ class Handler {
 
  private:
   message subscriptionRecord(const message& m) const;
+  // The subscription equal to `record`, or end().
+  std::vector<message>::iterator findSubscription(const message& record);
+  void addSubscription(const message& record);
+  void eraseSubscription(std::vector<message>::iterator it);
   // subscribe and unsubscribe: `subscribeCmd` is CMD_SUBSCRIBE or CMD_UNSUBSCRIBE.
   void sendSubscription(const std::vector<unsigned int>& path, unsigned int notifyCmd,
                         const message& base, unsigned int subscribeCmd);
@@ -219,6 +225,9 @@ class Handler {
   kl::policies policies_;
   bool leaf_ = true;
   std::vector<message> subscriptions_;
+  // How many subscriptions have each SYS_FROM path: a subscriber whose path is new needs no
+  // search through the others.
+  std::map<std::vector<unsigned int>, unsigned int> subscriptionPaths_;
   std::set<unsigned int> changedIds_;
   std::vector<unsigned int> changeOrigin_;
   TimerPtr changeTimer_;

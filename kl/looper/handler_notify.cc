@@ -14,6 +14,8 @@ namespace {
 constexpr unsigned int kChangeDelayTicks = 20;
 constexpr size_t kChangeBurst = 100;
 constexpr size_t kNotifyObjectBytes = 16383;
+// The most elements an array holds on the wire (its count is 16-bit).
+constexpr size_t kMaxPathElements = 0xFFFF;
 
 constexpr uint32_t kPermSubscriptions = 0xa8000001;  // message array field 1
 
@@ -23,6 +25,12 @@ constexpr uint32_t kUndoReverse = 0x28000002;
 constexpr uint32_t kUndoDescription = 0x20000003;
 constexpr uint32_t kUndoPolicies = 0x08000005;
 constexpr uint32_t kUndoUser = 0x20000006;
+
+const std::vector<unsigned int>& pathOf(const message& record) {
+  static const std::vector<unsigned int>* const kNone = new std::vector<unsigned int>();
+  const std::vector<unsigned int>* path = record.get_u32_array_ref(SYS_FROM);
+  return path != nullptr ? *path : *kNone;
+}
 
 bool startsWith(const std::vector<unsigned int>& path, const std::vector<unsigned int>& prefix) {
   return prefix.size() <= path.size() && std::equal(prefix.begin(), prefix.end(), path.begin());
@@ -97,24 +105,40 @@ void Handler::unsubscribe(const std::vector<unsigned int>& path, unsigned int cm
   sendSubscription(path, cmd, base, CMD_UNSUBSCRIBE);
 }
 
+std::vector<message>::iterator Handler::findSubscription(const message& record) {
+  const std::vector<unsigned int>& path = pathOf(record);
+  auto known = subscriptionPaths_.find(path);
+  if (known == subscriptionPaths_.end()) return subscriptions_.end();
+  return std::find_if(subscriptions_.begin(), subscriptions_.end(), [&](const message& existing) {
+    return pathOf(existing) == path && existing == record;
+  });
+}
+
+void Handler::addSubscription(const message& record) {
+  subscriptions_.push_back(record);
+  ++subscriptionPaths_[pathOf(record)];
+}
+
+void Handler::eraseSubscription(std::vector<message>::iterator it) {
+  auto known = subscriptionPaths_.find(pathOf(*it));
+  if (known != subscriptionPaths_.end() && --known->second == 0) subscriptionPaths_.erase(known);
+  subscriptions_.erase(it);
+}
+
 void Handler::cmdSubscribe(const message& m) {
   const message record = subscriptionRecord(m);
-  for (const message& existing : subscriptions_) {
-    if (existing == record) return;
-  }
-  subscriptions_.push_back(record);
+  if (findSubscription(record) != subscriptions_.end()) return;
+  addSubscription(record);
   subscribed(record);
 }
 
 void Handler::cmdUnsubscribe(const message& m) {
   const message record = subscriptionRecord(m);
-  if (std::find(subscriptions_.begin(), subscriptions_.end(), record) == subscriptions_.end()) {
-    return;
-  }
+  if (findSubscription(record) == subscriptions_.end()) return;
   unsubscribed(record);
   // Looked up again: the hook may have changed the list.
-  auto it = std::find(subscriptions_.begin(), subscriptions_.end(), record);
-  if (it != subscriptions_.end()) subscriptions_.erase(it);
+  auto it = findSubscription(record);
+  if (it != subscriptions_.end()) eraseSubscription(it);
 }
 
 void Handler::cmdDisconnected(const message& m) {
@@ -122,20 +146,20 @@ void Handler::cmdDisconnected(const message& m) {
   if (subscriptions_.empty() || gone.empty()) return;
   for (size_t i = 0; i < subscriptions_.size();) {
     const message record = subscriptions_[i];
-    if (!startsWith(record.get_u32_array(SYS_FROM), gone)) {
+    if (!startsWith(pathOf(record), gone)) {
       ++i;
       continue;
     }
     const size_t before = subscriptions_.size();
     unsubscribed(record);
     if (subscriptions_.size() == before && subscriptions_[i] == record) {
-      subscriptions_.erase(subscriptions_.begin() + static_cast<ptrdiff_t>(i));
+      eraseSubscription(subscriptions_.begin() + static_cast<ptrdiff_t>(i));
       continue;
     }
     // The hook changed the list: the record is looked up again, and the scan starts over
     // (every record it has removed so far is gone, so no hook runs twice).
-    auto it = std::find(subscriptions_.begin(), subscriptions_.end(), record);
-    if (it != subscriptions_.end()) subscriptions_.erase(it);
+    auto it = findSubscription(record);
+    if (it != subscriptions_.end()) eraseSubscription(it);
     i = 0;
   }
 }
@@ -229,21 +253,30 @@ void Handler::sendNotify(message& m) {
     if (!shouldNotify(record, m)) continue;
     // An empty path leads nowhere, and as a group of 0 it would end a multi-destination
     // path before the subscribers behind it.
-    const std::vector<unsigned int>* path = record.get_u32_array_ref(SYS_FROM);
-    if (path == nullptr || path->empty()) continue;
+    const std::vector<unsigned int>& path = pathOf(record);
+    if (path.empty()) continue;
     if (!addressed) {
-      to = *path;
+      to = path;
       addressed = true;
       continue;
     }
     // Every further subscriber turns the path into the multi-destination form, group by
     // group: the loader fans one message out instead of the process sending one each.
-    if (to.empty() || to.front() != PATH_MULTI) {
+    const bool multi = !to.empty() && to.front() == PATH_MULTI;
+    if (to.size() + (multi ? 0 : 2) + 1 + path.size() > kMaxPathElements) {
+      // The path is full: this frame goes as it is, and the next one starts with `path`.
+      message full = m;
+      full.insert(SYS_TO, to);
+      sendMessage(full);
+      to = path;
+      continue;
+    }
+    if (!multi) {
       to.insert(to.begin(), static_cast<unsigned int>(to.size()));
       to.insert(to.begin(), PATH_MULTI);
     }
-    to.push_back(static_cast<unsigned int>(path->size()));
-    to.insert(to.end(), path->begin(), path->end());
+    to.push_back(static_cast<unsigned int>(path.size()));
+    to.insert(to.end(), path.begin(), path.end());
   }
   if (!addressed) return;
   m.insert(SYS_TO, to);
@@ -264,7 +297,7 @@ void Handler::loadPermData(const message& data) {
   const std::vector<message::flat_message>* records =
       data.get_message_array_ref(kPermSubscriptions);
   if (records == nullptr) return;
-  for (const message::flat_message& flat : *records) subscriptions_.emplace_back(flat);
+  for (const message::flat_message& flat : *records) addSubscription(message(flat));
 }
 
 // --- undo records -----------------------------------------------------------------------------

@@ -283,6 +283,70 @@ TEST_F(HandlerTest, ChangeCausedByASubscriberIsNotEchoedToIt) {
 
 // A subscriber without a way back (an empty SYS_FROM) cannot be a group of a
 // multi-destination path: its count of 0 would end the path before the others.
+// More subscribers than one multi-destination path can name (its array count is 16-bit):
+// the notification goes out in several frames, each within the wire's limit, and every
+// subscriber is in exactly one of them.
+TEST_F(HandlerTest, ANotificationToManySubscribersIsSplitIntoFrames) {
+  const unsigned int subscribers = 25000;
+  for (unsigned int i = 0; i < subscribers; ++i) {
+    message m;
+    m.insert(SYS_FROM, std::vector<unsigned int>{0x10000 + i, 7});
+    objects_.cmdSubscribe(m);
+  }
+  ASSERT_EQ(objects_.subscriptions().size(), subscribers);
+  objects_.notifyChange(3);
+  // The frames are larger than a socket buffer: a child reads them while the Looper writes.
+  fflush(nullptr);
+  const pid_t reader = fork();
+  if (reader == 0) {
+    std::map<unsigned int, int> seen;
+    int frames = 0;
+    for (message n; seen.size() < subscribers && peer_->read(&n); ++frames) {
+      const std::vector<unsigned int> to = n.get_u32_array(SYS_TO);
+      if (to.size() > 0xFFFFu || to.empty() || to.front() != PATH_MULTI) _exit(1);
+      for (size_t pos = 1; pos + 2 < to.size(); pos += 3) {
+        if (to[pos] != 2 || to[pos + 2] != 7) _exit(2);
+        ++seen[to[pos + 1]];
+      }
+    }
+    bool once = seen.size() == subscribers;
+    for (const auto& entry : seen) once = once && entry.second == 1;
+    _exit(!once ? 3 : frames != 2 ? 4 : peer_->quiet() ? 0 : 5);
+  }
+  flushNow();
+  int status = 0;
+  ASSERT_EQ(waitpid(reader, &status, 0), reader);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);  // 1: a path too long, 3: a subscriber not once, 4: frames
+}
+
+// Subscriptions are told apart by the whole record, found through their path.
+TEST_F(HandlerTest, SubscriptionsAreFoundByPathAndRecord) {
+  auto request = [](unsigned int cmd, const std::vector<unsigned int>& from, unsigned int tag) {
+    message m;
+    m.insert(SYS_FROM, from);
+    m.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
+    m.insert(STD_ID, tag);
+    m.insert(SYS_CMD, cmd);
+    return m;
+  };
+  objects_.cmdSubscribe(request(CMD_SUBSCRIBE, kPathA, 1));
+  objects_.cmdSubscribe(request(CMD_SUBSCRIBE, kPathA, 2));  // same path, another record
+  objects_.cmdSubscribe(request(CMD_SUBSCRIBE, kPathA, 1));  // a duplicate
+  objects_.cmdSubscribe(request(CMD_SUBSCRIBE, kPathB, 1));
+  EXPECT_EQ(objects_.subscriptions().size(), 3u);
+  objects_.cmdUnsubscribe(request(CMD_UNSUBSCRIBE, kPathA, 3));  // unknown: ignored
+  objects_.cmdUnsubscribe(request(CMD_UNSUBSCRIBE, kPathA, 1));
+  ASSERT_EQ(objects_.subscriptions().size(), 2u);
+  EXPECT_EQ(objects_.subscriptions()[0].get(STD_ID, 0), 2u);
+  objects_.cmdSubscribe(request(CMD_SUBSCRIBE, kPathA, 1));  // back, at the end
+  disconnect({0x10000});
+  ASSERT_EQ(objects_.subscriptions().size(), 1u);
+  EXPECT_EQ(objects_.subscriptions()[0].get_u32_array(SYS_FROM), kPathB);
+  objects_.cmdSubscribe(request(CMD_SUBSCRIBE, kPathA, 2));  // gone with the peer: new again
+  EXPECT_EQ(objects_.subscriptions().size(), 2u);
+}
+
 TEST_F(HandlerTest, SubscriberWithAnEmptyPathDoesNotHideTheOthers) {
   message body;
   body.insert(SYS_NOTIFYCMD, CMD_NOTIFY);
