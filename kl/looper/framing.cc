@@ -238,6 +238,13 @@ uint32_t FrameWriter::queueFrame(std::unique_ptr<unsigned char[]> frame, uint32_
   return bytes_;
 }
 
+std::list<FrameWriter::WriteItem> FrameWriter::takeQueue() {
+  std::list<WriteItem> taken;
+  taken.swap(queue_);
+  items_ = bytes_ = 0;
+  return taken;
+}
+
 void FrameWriter::consume(size_t written) {
   while (written > 0 && !queue_.empty()) {
     WriteItem& head = queue_.front();

@@ -145,6 +145,11 @@ class FrameWriter {
   // Writes `length` bytes directly, bypassing the queue, waiting for room as needed.
   void writeRaw(const unsigned char* data, size_t length);
 
+  // Removes every frame still queued and returns them in order; the first may have been
+  // written in part (its `position` is then past the block's start). For an owner that
+  // gives up on the connection and answers for what it held.
+  std::list<WriteItem> takeQueue();
+
   uint32_t items() const { return items_; }
   uint32_t bytes() const { return bytes_; }
   bool failed() const { return failed_; }
