@@ -13,9 +13,14 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <set>
 #include <utility>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include "kl/base/clock.h"
+#include "kl/base/endian.h"
 #include "kl/base/root.h"
 #include "kl/looper/control.h"
 #include "kl/looper/path.h"
@@ -60,7 +65,7 @@ Loader::Conn::Conn(Loader* owner, int descriptor)
   reader.setMaxFrame(kMaxFrameBytes);
 }
 
-Loader::Loader(const Options& options) : options_(options) {}
+Loader::Loader(const Options& options) : options_(options), runner_(this) {}
 
 Loader::~Loader() {
   if (listenFd_ >= 0) {
@@ -93,7 +98,7 @@ bool Loader::start() {
   }
   fcntl(listenFd_, F_SETFL, O_NONBLOCK);
   runner_.addSocket(listenFd_, this, onAcceptCb, POLLIN);
-  runner_.addBeforeSleep(this, flushAllCb);
+  runner_.addBeforeSleep(this, beforeSleepCb);
   runner_.addSighandler(SIGCHLD, this, onSignalCb, true);
   runner_.addSighandler(SIGINT, this, onSignalCb, true);
   runner_.addSighandler(SIGTERM, this, onSignalCb, true);
@@ -106,13 +111,35 @@ bool Loader::start() {
 
 void Loader::run() {
   runner_.run();
+  stopChildren();
+}
+
+// SIGTERM to every started service (with SIGCONT, for one that is stopped), SIGKILL to those
+// still there after the grace period: the loader ends in time whatever its children do.
+void Loader::stopChildren() {
+  std::set<pid_t> children;
   for (auto& entry : conns_) {
-    if (entry.second->pid > 0 && !entry.second->command.empty()) {
-      kill(entry.second->pid, SIGTERM);
-    }
+    if (entry.second->pid > 0 && !entry.second->command.empty()) children.insert(entry.second->pid);
   }
-  for (auto& started : startedPids_) kill(started.first, SIGTERM);
-  while (waitpid(-1, nullptr, 0) > 0) {
+  for (auto& started : startedPids_) children.insert(started.first);
+  for (const pid_t pid : children) {
+    kill(pid, SIGTERM);
+    kill(pid, SIGCONT);
+  }
+  for (unsigned int waited = 0; !children.empty(); waited += 10) {
+    for (auto it = children.begin(); it != children.end();) {
+      const pid_t done = waitpid(*it, nullptr, WNOHANG);
+      it = done == *it || (done < 0 && errno == ECHILD) ? children.erase(it) : std::next(it);
+    }
+    if (children.empty()) break;
+    if (waited >= kStopGraceMs) {
+      for (const pid_t pid : children) kill(pid, SIGKILL);
+      for (const pid_t pid : children) waitpid(pid, nullptr, 0);
+      break;
+    }
+    usleep(10000);
+  }
+  while (waitpid(-1, nullptr, WNOHANG) > 0) {
   }
 }
 
@@ -182,26 +209,66 @@ void Loader::onConnCb(void* self, int, unsigned int events) {
 }
 
 void Loader::onConn(Conn& conn, unsigned int events) {
-  if (events & POLLOUT) {
-    if (conn.writer.flush(FrameWriter::kTry)) runner_.changeSocket(conn.fd, POLLIN);
-  }
-  if (events & (POLLIN | POLLHUP | POLLERR)) {
-    const uint32_t now = getJiffies();
-    const unsigned char* body;
-    uint32_t length;
-    while (!conn.dead && conn.reader.tryReadFrame(&body, &length)) {
-      conn.lastActivity = now;
-      if (conn.registered && !options_.trace && routeFlat(conn, body, length, now)) continue;
-      message m;
-      if (!m.unflatten(body, length, message::flatten_full)) {
-        conn.dead = true;
-        conn.failure = "malformed frame";
-        break;
-      }
-      handleFrame(conn, m);
-    }
-  }
+  if (events & POLLOUT) flushConn(conn);
+  if (events & (POLLIN | POLLHUP | POLLERR)) serveFrames(conn, (events & (POLLHUP | POLLERR)) != 0);
+  if (!conn.dead) watchEvents(conn);
   reapDead();
+}
+
+// One turn of `conn`: at most kFramesPerTurn frames, fewer when it must wait for a receiver.
+// A connection that hung up is read on while it waits: what it sent before is finite, and
+// poll would report the hang-up again at once.
+void Loader::serveFrames(Conn& conn, bool hangup) {
+  const uint32_t now = getJiffies();
+  const unsigned char* body;
+  uint32_t length;
+  for (unsigned int n = 0; n < kFramesPerTurn && !conn.dead && (conn.waitingFor == 0 || hangup);
+       ++n) {
+    if (!conn.reader.tryReadFrame(&body, &length)) break;
+    conn.lastActivity = now;
+    if (conn.registered && !options_.trace && routeFlat(conn, body, length, now)) continue;
+    message m;
+    if (!m.unflatten(body, length, message::flatten_full)) {
+      conn.dead = true;
+      conn.failure = "malformed frame";
+      break;
+    }
+    handleFrame(conn, m);
+  }
+}
+
+// Frames already read into a connection's buffer get their turn here: poll does not report
+// them.
+void Loader::serveBacklog() {
+  std::vector<Conn*> ready;
+  for (auto& entry : conns_) {
+    Conn& conn = *entry.second;
+    if (!conn.dead && conn.waitingFor == 0 && conn.reader.hasBufferedFrame())
+      ready.push_back(&conn);
+  }
+  for (Conn* conn : ready) {
+    if (!conn->dead) serveFrames(*conn, false);
+  }
+}
+
+// The loop does not sleep while frames wait in a buffer, and looks at waiting connections
+// often enough to let them go on in time.
+int Loader::sleepLimit(int timeoutMs) const {
+  bool waiting = false;
+  for (const auto& entry : conns_) {
+    const Conn& conn = *entry.second;
+    if (conn.dead) continue;
+    if (conn.waitingFor == 0 && conn.reader.hasBufferedFrame()) return 0;
+    waiting = waiting || conn.waitingFor != 0;
+  }
+  if (waiting && (timeoutMs < 0 || timeoutMs > 20)) return 20;
+  return timeoutMs;
+}
+
+void Loader::watchEvents(Conn& conn) {
+  unsigned int events = conn.waitingFor == 0 ? POLLIN : 0;
+  if (conn.writer.items() != 0) events |= POLLOUT;
+  runner_.changeSocket(conn.fd, events);
 }
 
 void Loader::serveInput(Conn& conn) {
@@ -215,22 +282,67 @@ void Loader::onFailure(void* ctx, FrameFailure what, long result, int err) {
   if (conn->failure.empty()) conn->failure = failureText(what, result, err);
 }
 
-void Loader::flushAllCb(void* self) { static_cast<Loader*>(self)->flushAll(); }
+void Loader::beforeSleepCb(void* self) {
+  Loader* loader = static_cast<Loader*>(self);
+  loader->serveBacklog();
+  loader->updateWaits();
+  loader->flushAll();
+}
 
 void Loader::flushAll() {
   for (auto& entry : conns_) {
     Conn& conn = *entry.second;
     if (conn.dead || conn.writer.items() == 0) continue;
-    if (!conn.writer.flush(FrameWriter::kTry)) {
-      if (conn.writer.bytes() > kMaxQueuedBytes) {
-        conn.dead = true;
-        conn.failure = "stopped reading (" + std::to_string(conn.writer.bytes()) + " bytes queued)";
-      } else {
-        runner_.changeSocket(conn.fd, POLLIN | POLLOUT);
-      }
-    }
+    if (!flushConn(conn)) watchEvents(conn);
   }
   reapDead();
+}
+
+// Writes what the socket takes now, keeping the count of all queued bytes; true when the
+// queue is empty.
+bool Loader::flushConn(Conn& conn) {
+  const uint32_t before = conn.writer.bytes();
+  const bool empty = conn.writer.flush(FrameWriter::kTry);
+  const uint32_t after = conn.writer.bytes();
+  queuedTotal_ -= static_cast<int64_t>(before) - after;
+  if (after < before) {
+    conn.lastDrain = getJiffies();
+    if (after < kWaitQueuedBytes / 4) conn.stalled = false;
+  }
+  return empty;
+}
+
+// Called after `from` sent `to` a request or a notification: `from` is not read while
+// `to` is far behind, unless `to` has stopped reading.
+void Loader::waitForReceiver(Conn& from, Conn& to) {
+  if (&from == &to || to.stalled || to.writer.bytes() <= kWaitQueuedBytes) return;
+  from.waitingFor = to.id;
+}
+
+// Lets waiting connections go on once their receiver caught up, went away or stalled.
+void Loader::updateWaits() {
+  const uint32_t now = getJiffies();
+  for (auto& entry : conns_) {
+    Conn& conn = *entry.second;
+    if (conn.dead || conn.waitingFor == 0) continue;
+    Conn* receiver = byId(conn.waitingFor);
+    if (receiver != nullptr && receiver->writer.bytes() >= kWaitQueuedBytes / 4) {
+      if (now - receiver->lastDrain < kStallTicks) continue;
+      receiver->stalled = true;
+    }
+    conn.waitingFor = 0;
+    watchEvents(conn);
+  }
+}
+
+// Drops `conn` now: nothing more is queued for it, and what was queued leaves the count at
+// once; the requests among it are answered when the connection is closed.
+void Loader::cutOff(Conn& conn, const std::string& why) {
+  if (conn.dead) return;
+  conn.dead = true;
+  conn.failure = why;
+  queuedTotal_ -= conn.writer.bytes();
+  conn.orphans = conn.writer.takeQueue();
 }
 
 void Loader::onSignalCb(void* self, int sig) {
@@ -404,8 +516,12 @@ void Loader::closeConn(Conn* conn, const std::string& why) {
   const bool registered = conn->registered;
   std::vector<message> held;
   held.swap(conn->held);
+  std::list<FrameWriter::WriteItem> orphans;
+  orphans.swap(conn->orphans);
+  queuedTotal_ -= conn->writer.bytes();
   if (registered) byId_.erase(id);
   conns_.erase(conn->fd);  // `conn` is gone from here on
+  answerOrphans(orphans);
   if (!registered) return;
   auto departed = departed_.find(id);
   // A process that agreed to leave will be back: nobody forgets it.
@@ -421,6 +537,33 @@ void Loader::closeConn(Conn* conn, const std::string& why) {
     departed->second.restarting = true;
     startService(departed->second.command);
   }
+}
+
+// The requests among the frames that were queued for a connection that was cut off get an
+// ERROR_BRKPATH reply, as if the path had broken before them; then their memory goes back
+// to the system.
+void Loader::answerOrphans(std::list<FrameWriter::WriteItem>& orphans) {
+  size_t bytes = 0;
+  for (FrameWriter::WriteItem& item : orphans) {
+    bytes += item.remaining;
+    if (item.position != item.buffer.get()) continue;  // partly delivered
+    message m;
+    if (!m.unflatten(item.buffer.get() + kFramePrefixBytes, loadLe32(item.buffer.get()),
+                     message::flatten_full) ||
+        !isReplyExpected(m)) {
+      continue;
+    }
+    const std::vector<unsigned int> from = m.get_u32_array(SYS_FROM);
+    Conn* sender = from.empty() ? nullptr : byId(from.front());
+    if (sender == nullptr) continue;
+    popPathFront(m, SYS_FROM);
+    message error = errorMsg(ERROR_BRKPATH, "");
+    reply(*sender, m, error);
+  }
+  orphans.clear();
+#if defined(__GLIBC__)
+  if (bytes > (1u << 20)) malloc_trim(0);
+#endif
 }
 
 void Loader::announceDeparture(unsigned int id) {

@@ -17,11 +17,22 @@
 // input from one process (a malformed or oversized frame, a wrong first frame, an id in
 // use, a peer that stops reading) closes that one connection with one line on the error
 // stream and never affects the others.
+//
+// Fairness and bounds. Each turn takes at most kFramesPerTurn frames from a connection, so
+// a process that writes without pause cannot keep the others waiting. A process whose
+// requests or notifications pile up at a receiver (more than kWaitQueuedBytes queued for
+// it) is not read until the receiver has caught up (below a quarter of that), so a flood
+// goes at the receiver's pace; replies never make their sender wait. A receiver that
+// writes nothing for kStallTicks while others wait for it has stopped reading: its senders
+// go on, and its queue grows until the cap. A queue past Options::maxQueuedBytes, or the
+// largest queue when all together pass Options::maxTotalQueuedBytes, cuts that connection
+// off at once; each request that was queued for it is answered with ERROR_BRKPATH.
 #ifndef TOOLS_LOADER_LOADER_H_
 #define TOOLS_LOADER_LOADER_H_
 
 #include <sys/types.h>
 
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -46,12 +57,20 @@ constexpr uint32_t kProcLeaveValue = 0x08000003;
 // Limits that keep one process from exhausting the loader.
 constexpr uint32_t kMaxFrameBytes = 64u << 20;
 constexpr uint32_t kMaxQueuedBytes = 64u << 20;
+constexpr uint32_t kMaxTotalQueuedBytes = 128u << 20;
+constexpr unsigned int kFramesPerTurn = 64;
+constexpr uint32_t kWaitQueuedBytes = 256u << 10;
+constexpr uint32_t kStallTicks = 100;
+// How long SIGTERM and SIGINT give started services to end before SIGKILL.
+constexpr unsigned int kStopGraceMs = 1500;
 
 struct Options {
   bool trace = false;
-  unsigned int idleLeaveSeconds = 0;               // 0: never ask idle services to leave
-  std::map<unsigned int, unsigned int> policies;   // process id -> SYS_POLICY bits
-  std::vector<std::vector<std::string>> services;  // command lines to start
+  uint32_t maxQueuedBytes = kMaxQueuedBytes;            // one connection's queue
+  uint32_t maxTotalQueuedBytes = kMaxTotalQueuedBytes;  // all queues together
+  unsigned int idleLeaveSeconds = 0;                    // 0: never ask idle services to leave
+  std::map<unsigned int, unsigned int> policies;        // process id -> SYS_POLICY bits
+  std::vector<std::vector<std::string>> services;       // command lines to start
 };
 
 class Loader {
@@ -86,6 +105,13 @@ class Loader {
     uint32_t lastActivity = 0;
     std::string failure;               // why the connection failed, for the closing line
     std::vector<std::string> command;  // set for services this loader started
+    // Flow control: the id whose queue this connection waits for (0: it is read), when
+    // this connection's queue last got bytes out, and whether it stopped reading.
+    unsigned int waitingFor = 0;
+    uint32_t lastDrain = 0;
+    bool stalled = false;
+    // What was queued for it when it was cut off, answered when it is closed.
+    std::list<FrameWriter::WriteItem> orphans;
   };
 
   // Feeds one decoded frame from `conn` (registration, control or routed message).
@@ -106,13 +132,23 @@ class Loader {
   static void onAcceptCb(void* self, int fd, unsigned int events);
   static void onConnCb(void* self, int fd, unsigned int events);
   static void onFailure(void* ctx, FrameFailure what, long result, int err);
-  static void flushAllCb(void* self);
+  static void beforeSleepCb(void* self);
   static void onSignalCb(void* self, int sig);
   static void onIdleTimerCb(void* self);
 
   void onAccept();
   void onConn(Conn& conn, unsigned int events);
+  void serveFrames(Conn& conn, bool hangup);
+  void serveBacklog();
   void flushAll();
+  bool flushConn(Conn& conn);
+  void watchEvents(Conn& conn);
+  void waitForReceiver(Conn& from, Conn& to);
+  void updateWaits();
+  void cutOff(Conn& conn, const std::string& why);
+  void answerOrphans(std::list<FrameWriter::WriteItem>& orphans);
+  void stopChildren();
+  int sleepLimit(int timeoutMs) const;
   void registerProcess(Conn& conn, const message& m);
   void handleControl(Conn& conn, unsigned int code, const message& m);
   bool routeFlat(Conn& from, const unsigned char* body, uint32_t length, uint32_t now);
@@ -136,7 +172,12 @@ class Loader {
   // The loop, with the stop flag the loader sets on SIGINT and SIGTERM.
   class LoopRunner : public Runner {
    public:
+    explicit LoopRunner(const Loader* loader) : loader_(loader) {}
     void stop() { stop_ = true; }
+    int sleepTime(unsigned int now) override { return loader_->sleepLimit(Runner::sleepTime(now)); }
+
+   private:
+    const Loader* loader_;
   };
 
   Options options_;
@@ -159,6 +200,7 @@ class Loader {
   // Commands of started processes by pid, until they register.
   std::map<pid_t, std::vector<std::string>> startedPids_;
   bool stopping_ = false;
+  int64_t queuedTotal_ = 0;  // bytes queued for all connections
 };
 
 }  // namespace loader

@@ -67,6 +67,7 @@ bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, u
     dest.lastActivity = now;
     dest.askedToLeave = false;
     deliverFrame(dest, std::move(out), frameLength);
+    if (frame.type != TYPE_REPLY && !dest.dead) waitForReceiver(from, dest);
   }
   return true;
 }
@@ -102,6 +103,7 @@ void Loader::routeOne(Conn& from, message m, std::vector<unsigned int> to) {
     dest->lastActivity = getJiffies();
     dest->askedToLeave = false;
     deliver(*dest, m);
+    if (getType(m) != TYPE_REPLY && !dest->dead) waitForReceiver(from, *dest);
     return;
   }
   auto departed = departed_.find(target);
@@ -196,10 +198,28 @@ void Loader::deliver(Conn& to, const message& m) {
   deliverFrame(to, std::move(frame), length);
 }
 
-// Small frames wait for the flush before the loop sleeps, as in the Looper.
+// Small frames wait for the flush before the loop sleeps, as in the Looper. A queue past the
+// cap, or the largest one when all together pass theirs, is cut off here and now.
 void Loader::deliverFrame(Conn& to, std::unique_ptr<unsigned char[]> frame, uint32_t length) {
   if (to.dead) return;
-  if (to.writer.queueFrame(std::move(frame), length) > 1023) to.writer.flush(FrameWriter::kTry);
+  if (to.writer.items() == 0) to.lastDrain = getJiffies();  // a stall counts from here
+  queuedTotal_ += length;
+  if (to.writer.queueFrame(std::move(frame), length) > 1023) flushConn(to);
+  if (to.writer.bytes() > options_.maxQueuedBytes) {
+    cutOff(to, "stopped reading (" + std::to_string(to.writer.bytes()) + " bytes queued)");
+  }
+  while (queuedTotal_ > options_.maxTotalQueuedBytes) {
+    Conn* largest = nullptr;
+    for (auto& entry : conns_) {
+      Conn& conn = *entry.second;
+      if (!conn.dead && (largest == nullptr || conn.writer.bytes() > largest->writer.bytes())) {
+        largest = &conn;
+      }
+    }
+    if (largest == nullptr || largest->writer.bytes() == 0) break;
+    cutOff(*largest, "stopped reading (" + std::to_string(largest->writer.bytes()) +
+                         " bytes queued, " + std::to_string(queuedTotal_) + " for all)");
+  }
 }
 
 }  // namespace loader

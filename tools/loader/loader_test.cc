@@ -12,13 +12,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "kl/base/clock.h"
 #include "kl/base/endian.h"
 #include "kl/looper/control.h"
 #include "kl/looper/framing.h"
@@ -463,6 +468,268 @@ TEST_F(LoaderTest, TransientIdsStartAt0x10000AndSkipIdsInUse) {
   message got;
   ASSERT_TRUE(second->read(&got));
   EXPECT_EQ(got.get_u32_array(SYS_FROM), (Path{0x10001, kHandler}));
+}
+
+// --- fairness and bounds -----------------------------------------------------------------------
+
+std::string hexOf(const message& m) {
+  std::ostringstream out;
+  m.dump2(out, "", 0);
+  return out.str();
+}
+
+// The resident memory of process `pid` in KiB, from /proc.
+long residentKiB(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.compare(0, 6, "VmRSS:") == 0) return atol(line.c_str() + 6);
+  }
+  return -1;
+}
+
+// A request of about `size` bytes from handler kHandler, expecting a reply.
+message paddedRequest(const Path& to, unsigned int requestId, size_t size) {
+  message m = request(to, CMD_GET, requestId);
+  m.insert_string(STD_DESCR, std::string(size, 'x'));
+  return m;
+}
+
+// The next frame for `p` that is not a departure notice.
+bool readSkippingDepartures(Process& p, message* m, int timeoutMs) {
+  while (p.read(m, timeoutMs)) {
+    if (m->get(SYS_CMD, 0) != CMD_DISCONNECTED) return true;
+  }
+  return false;
+}
+
+class LoaderFlowTest : public LoaderTest {
+ protected:
+  void TearDown() override {
+    for (const pid_t child : children_) {
+      kill(child, SIGKILL);
+      waitpid(child, nullptr, 0);
+    }
+    LoaderTest::TearDown();
+  }
+
+  // A service process registered as `id` that answers every request with an empty reply,
+  // after `pauseUs` (0: as fast as it can).
+  void startEchoService(unsigned int id, unsigned int pauseUs = 0) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+      Process p(socketPath());
+      if (p.registerAs(id) != id) _exit(1);
+      for (message m; p.read(&m, 30000);) {
+        unsigned int requestId;
+        if (!isRequest(m) || !getRequestID(m, &requestId)) continue;
+        if (pauseUs != 0) usleep(pauseUs);
+        message reply;
+        reply.insert(SYS_TO, m.get_u32_array(SYS_FROM));
+        setType(reply, TYPE_REPLY);
+        setRequestID(reply, requestId);
+        p.send(reply);
+      }
+      _exit(0);
+    }
+    children_.push_back(child);
+  }
+
+  // A process that sends requests to `to` without pause and never reads.
+  pid_t startFlooder(const Path& to) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+      Process p(socketPath());
+      if (p.registerAs(0) == 0) _exit(1);
+      for (unsigned int id = 1;; ++id) p.send(paddedRequest(to, id, 40));
+    }
+    children_.push_back(child);
+    return child;
+  }
+
+  // Whether the loader's error stream has a line with `text`.
+  bool saidSomething(const std::string& text) const {
+    for (const std::string& line : errorLines()) {
+      if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  std::vector<pid_t> children_;
+};
+
+// A process floods service 5 with requests and never reads its replies. The loader keeps
+// routing for everyone, paces the flood at the service's speed, and cuts off the flooder
+// when its unread replies pass the cap; the service survives and the loader gives the
+// memory back.
+TEST_F(LoaderFlowTest, AFloodingClientNeitherStarvesOthersNorKillsItsTarget) {
+  Options options;
+  options.maxQueuedBytes = 4u << 20;
+  startLoader(options);
+  startEchoService(5);
+  startEchoService(7);
+  std::unique_ptr<Process> driver = registered(9);
+  const long rssBefore = residentKiB(pid_);
+  startFlooder({5, 2});
+  // Round trips to the other service while the flood goes on.
+  std::vector<double> roundTrips;
+  for (unsigned int id = 1; id <= 100; ++id) {
+    const uint32_t start = getJiffies();
+    const auto t0 = std::chrono::steady_clock::now();
+    driver->send(request({7, 2}, CMD_GET, id));
+    message reply;
+    unsigned int got = 0;
+    ASSERT_TRUE(readSkippingDepartures(*driver, &reply, 5000)) << "round trip " << id;
+    ASSERT_TRUE(getRequestID(reply, &got) && got == id) << hexOf(reply);
+    roundTrips.push_back(
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
+    (void)start;
+    usleep(20000);
+  }
+  std::sort(roundTrips.begin(), roundTrips.end());
+  std::cout << "round trips to another service during the flood: median " << roundTrips[50]
+            << " ms, slowest " << roundTrips.back() << " ms\n";
+  // A starved loader answers in seconds, if at all; a fair one in well under a second even
+  // under a sanitizer or an emulator.
+  EXPECT_LT(roundTrips.back(), 1000.0);
+  for (int waited = 0; waited < 300 && !saidSomething("stopped reading"); ++waited) usleep(100000);
+  EXPECT_TRUE(saidSomething("stopped reading")) << "the flooder was not cut off";
+  const long rssPeak = residentKiB(pid_);
+  // The flooded service is alive and answers through the loader.
+  driver->send(request({5, 2}, CMD_GET, 1000));
+  message reply;
+  unsigned int got = 0;
+  ASSERT_TRUE(readSkippingDepartures(*driver, &reply, 5000));
+  EXPECT_TRUE(getRequestID(reply, &got) && got == 1000 && !isError(reply, nullptr, nullptr));
+  EXPECT_FALSE(saidSomething("id 5 "));
+  const long rssAfter = residentKiB(pid_);
+  std::cout << "loader resident memory: " << rssBefore << " KiB before, " << rssPeak
+            << " KiB at the cut-off, " << rssAfter << " KiB after\n";
+  EXPECT_LT(rssAfter, rssBefore + 16 * 1024);
+}
+
+// A sender that reads its replies but sends far faster than its receiver reads: the loader
+// stops reading the sender while the receiver's queue is long, so neither is cut off and
+// every request is answered.
+TEST_F(LoaderFlowTest, AFastSenderIsPacedAtItsReceiversSpeed) {
+  Options options;
+  options.maxQueuedBytes = 1u << 20;
+  startLoader(options);
+  startEchoService(5, 50);
+  std::unique_ptr<Process> sender = registered(9);
+  unsigned int sent = 0;
+  unsigned int answered = 0;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+  for (message m; std::chrono::steady_clock::now() < end;) {
+    sender->send(paddedRequest({5, 2}, ++sent, 200));
+    while (sender->read(&m, 0)) {
+      ASSERT_FALSE(isError(m, nullptr, nullptr)) << hexOf(m);
+      ++answered;
+    }
+  }
+  for (message m; answered < sent && readSkippingDepartures(*sender, &m, 5000);) {
+    ASSERT_FALSE(isError(m, nullptr, nullptr)) << hexOf(m);
+    ++answered;
+  }
+  std::cout << "requests sent in 3 s to a slow service: " << sent << "\n";
+  EXPECT_EQ(answered, sent);
+  EXPECT_FALSE(saidSomething("stopped reading"));
+  // Far more than the cap's worth of requests went through.
+  EXPECT_GT(sent * 200u, 2u << 20);
+}
+
+// A process that stops reading: frames for it queue up to the cap, then it is cut off at
+// once, and every request that was still queued for it is answered with ERROR_BRKPATH.
+// Each request either reached its socket or got that answer.
+TEST_F(LoaderFlowTest, ACutOffAnswersTheRequestsQueuedForIt) {
+  Options options;
+  options.maxQueuedBytes = 1u << 20;
+  startLoader(options);
+  std::unique_ptr<Process> stopped = registered(40);
+  std::unique_ptr<Process> sender = registered(41);
+  const unsigned int sent = 1200;
+  for (unsigned int id = 1; id <= sent; ++id) sender->send(paddedRequest({40, 3}, id, 2000));
+  std::set<unsigned int> answered;
+  for (message m; answered.size() < sent && readSkippingDepartures(*sender, &m, 3000);) {
+    unsigned int id = 0, code = 0;
+    ASSERT_TRUE(getRequestID(m, &id)) << hexOf(m);
+    ASSERT_TRUE(isError(m, &code, nullptr));
+    EXPECT_EQ(code, ERROR_BRKPATH);
+    EXPECT_EQ(m.get_u32_array(SYS_TO), Path{kHandler});
+    EXPECT_TRUE(answered.insert(id).second) << "answered twice: " << id;
+  }
+  EXPECT_TRUE(
+      saidSomething("kl-loader: id 40 (pid " + std::to_string(getpid()) + "): stopped reading ("));
+  // What reached the stopped process's socket before the cut-off, read now.
+  std::set<unsigned int> delivered;
+  for (message m; stopped->read(&m, 200);) {
+    unsigned int id = 0;
+    if (getRequestID(m, &id)) delivered.insert(id);
+  }
+  EXPECT_FALSE(answered.empty());
+  for (unsigned int id = 1; id <= sent; ++id) {
+    // One frame may have been cut in half by the cut-off: neither read whole nor answered.
+    if (answered.count(id) == 0 && delivered.count(id) == 0 && delivered.count(id - 1) != 0 &&
+        answered.count(id + 1) != 0) {
+      continue;
+    }
+    EXPECT_EQ(answered.count(id) + delivered.count(id), 1u) << "request " << id;
+  }
+}
+
+// All queues together have a cap too: past it the largest queue is cut off.
+TEST_F(LoaderFlowTest, TheCapHoldsForAllQueuesTogether) {
+  Options options;
+  options.maxQueuedBytes = 1u << 20;
+  options.maxTotalQueuedBytes = 1536u << 10;
+  startLoader(options);
+  std::unique_ptr<Process> first = registered(40);
+  std::unique_ptr<Process> second = registered(41);
+  std::unique_ptr<Process> sender = registered(42);
+  for (unsigned int id = 1; id <= 450; ++id) sender->send(paddedRequest({40, 3}, id, 2000));
+  for (unsigned int id = 1; id <= 450; ++id) sender->send(paddedRequest({41, 3}, id, 2000));
+  for (int waited = 0; waited < 50 && !saidSomething("for all)"); ++waited) usleep(100000);
+  EXPECT_TRUE(saidSomething(" bytes queued, ")) << "no cut-off for the sum of the queues";
+  // The loader still answers the sender, behind the ERROR_BRKPATH replies for its requests.
+  sender->send(request({kLoaderId}, CMD_NOOP, 9999));
+  unsigned int id = 0;
+  for (message m; id != 9999 && sender->read(&m, 3000);) getRequestID(m, &id);
+  EXPECT_EQ(id, 9999u);
+}
+
+// SIGTERM ends the loader in time, even with a service that ignores it and one that is
+// stopped.
+TEST_F(LoaderFlowTest, SigtermEndsTheLoaderWhateverItsChildrenDo) {
+  Options options;
+  options.services = {{"sh", "-c", "trap '' TERM; while :; do sleep 1; done"}, {"sleep", "100"}};
+  startLoader(options);
+  std::ifstream in("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) + "/children");
+  std::vector<pid_t> started;
+  for (pid_t child; in >> child;) started.push_back(child);
+  ASSERT_EQ(started.size(), 2u);
+  usleep(100000);  // the shell sets its trap
+  kill(started[1], SIGSTOP);
+  const auto t0 = std::chrono::steady_clock::now();
+  kill(pid_, SIGTERM);
+  int status = 0;
+  for (int waited = 0; waited < 1000 && waitpid(pid_, &status, WNOHANG) == 0; ++waited) {
+    usleep(10000);
+  }
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  const bool exited = WIFEXITED(status);
+  if (!exited) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  pid_ = -1;
+  for (const pid_t child : started) {
+    EXPECT_NE(kill(child, 0), 0) << "child " << child << " lives";
+    kill(child, SIGKILL);
+  }
+  ASSERT_TRUE(exited) << "still running after " << seconds << " s";
+  EXPECT_LT(seconds, 2.5);
 }
 
 }  // namespace
