@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <utility>
 
 #include "kl/base/check.h"
@@ -105,8 +104,7 @@ void Looper::awaitReady(unsigned int w1, unsigned int w12) {
   unsigned int code = 0;
   if (!isCtrl(reply, &code) || code != ctrl::kReady) {
     fprintf(stderr, "could not receive confirmation to CTRL_READY from loader\n");
-    reply.dump2(std::cout, "", 0);
-    std::cout.flush();
+    printDump(reply, stdout);
     abort();
   }
   loaderU32_3_ = reply.get_u32(3, 0);

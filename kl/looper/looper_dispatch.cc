@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <iostream>
 #include <utility>
 
 #include "kl/base/clock.h"
@@ -105,7 +104,7 @@ bool Looper::queueMessage(const message& m) {
   if (filterMessage(m)) return true;
   if (localQueueLength_ >= kLocalQueueLimit) {
     fprintf(stderr, "full queue, spilled message:\n");
-    m.dump2(std::cout, "", 0);
+    printDump(m, stdout);
     return false;
   }
   localQueue_.push_back(m);
@@ -188,7 +187,7 @@ message Looper::exchangeMessage(message& m, int timeout) {
       } else if (!queueMessage(r) && !spilled) {
         spilled = true;
         fprintf(stderr, "exchangeMessage: queue spill  during exchange of:\n");
-        m.dump2(std::cout, "", 0);
+        printDump(m, stdout);
       }
     }
     const uint32_t now = getJiffies();

@@ -1,6 +1,7 @@
 #include "kl/message/dump.h"
 
 #include <cstring>
+#include <sstream>
 
 #include "kl/message/rep.h"
 #include "kl/message/system.h"
@@ -310,6 +311,14 @@ void message::dumpTo(std::ostream& out, const char* prefix, unsigned int depth,
 void message::dumpTo(Dumper& out, const char* prefix, unsigned int depth,
                      unsigned int nesting) const {
   dumpRep(rep_, out, prefix, depth, nesting);
+}
+
+void printDump(const message& m, FILE* out) {
+  std::ostringstream text;
+  m.dump2(text, "", 0);
+  const std::string lines = text.str();
+  fwrite(lines.data(), 1, lines.size(), out);
+  fflush(out);
 }
 
 }  // namespace kl

@@ -19,6 +19,7 @@
 #ifndef KL_MESSAGE_DUMP_H_
 #define KL_MESSAGE_DUMP_H_
 
+#include <cstdio>
 #include <ostream>
 
 #include "kl/message/message.h"
@@ -55,6 +56,10 @@ class Dumper : public virtual std::ostream {
   unsigned int capacity_;
   unsigned int used_ = 0;
 };
+
+// Prints the dump of `m` (no prefix, depth 0) on the C library's stream `out` and flushes
+// it, for diagnostics that print through stdio.
+void printDump(const message& m, FILE* out);
 
 // How many levels of nested messages a dump shows below the dumped message.
 constexpr unsigned int kMaxDumpNesting = 32;

@@ -1,14 +1,14 @@
 #include "kl/store/allocator.h"
 
+#include <cstdio>
 #include <cstdlib>
-#include <iostream>
 
 namespace kl {
 
 namespace {
 
 [[noreturn]] void fail(const char* text) {
-  std::cerr << text << std::endl;
+  fprintf(stderr, "%s\n", text);
   abort();
 }
 
@@ -198,13 +198,11 @@ bool Allocator::isAllocated(unsigned id) const {
 }
 
 void Allocator::dump(const std::string& name) const {
-  std::cerr << name << ":" << std::endl;
+  fprintf(stderr, "%s:\n", name.c_str());
   for (const FreeRange* r = head_; r != nullptr; r = r->next) {
-    std::cerr << "  " << r->first << " - " << r->last;
-    if (*cursor_ == r) std::cerr << " *";
-    std::cerr << std::endl;
+    fprintf(stderr, "  %u - %u%s\n", r->first, r->last, *cursor_ == r ? " *" : "");
   }
-  std::cerr << "------" << std::endl;
+  fprintf(stderr, "------\n");
 }
 
 }  // namespace kl

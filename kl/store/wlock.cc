@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <iostream>
+#include <cstdio>
 
 namespace kl {
 
@@ -19,7 +19,7 @@ bool setLock(int fd, short type) {
   return fcntl(fd, F_SETLKW, &lock) != -1;
 }
 
-void report(const char* text) { std::cerr << "STORE: " << text << std::endl; }
+void report(const char* text) { fprintf(stderr, "STORE: %s\n", text); }
 
 // Whether fd is the file that bears the name `file` now.
 bool stillNamed(int fd, const std::string& file) {
