@@ -12,18 +12,20 @@
 namespace kl {
 
 namespace internal {
-SignalTable signalTable = {nullptr, {}, {}, {-1, -1}, 0, 0, {}, {}, {}};
+SignalTable signalTable;
+int signalPipe[2] = {-1, -1};
 }  // namespace internal
 
+using internal::signalPipe;
 using internal::signalTable;
 
 ThinRunner* getRunner() { return signalTable.runner; }
 
 void handleSignal(int sig) {
   const int saved = errno;
-  if (signalTable.pipe[1] >= 0) {
+  if (signalPipe[1] >= 0) {
     const int32_t value = sig;
-    ssize_t ignored = write(signalTable.pipe[1], &value, sizeof value);
+    ssize_t ignored = write(signalPipe[1], &value, sizeof value);
     (void)ignored;  // a full pipe drops the signal
   }
   errno = saved;
@@ -38,7 +40,7 @@ Runner::Runner() {
   }
   signalTable.runner = this;
   internal::installCrashHandler();
-  signalTable.pipe[0] = signalTable.pipe[1] = -1;
+  signalPipe[0] = signalPipe[1] = -1;
   signalTable.handledCount = 0;
   for (internal::SignalEntry& e : signalTable.entries) {
     e = internal::SignalEntry{};
@@ -100,17 +102,17 @@ bool Runner::setSigaction(int sig, RunnerSigaction how) {
 }
 
 void Runner::createPipe() {
-  if (pipe(signalTable.pipe) != 0) return;
-  fcntl(signalTable.pipe[0], F_SETFL, O_NONBLOCK);
-  fcntl(signalTable.pipe[1], F_SETFL, O_NONBLOCK);
-  addSocket(signalTable.pipe[0], this, onSignal, POLLIN);
+  if (pipe(signalPipe) != 0) return;
+  fcntl(signalPipe[0], F_SETFL, O_NONBLOCK);
+  fcntl(signalPipe[1], F_SETFL, O_NONBLOCK);
+  addSocket(signalPipe[0], this, onSignal, POLLIN);
 }
 
 void Runner::destroyPipe() {
-  removeSocket(signalTable.pipe[0]);
-  close(signalTable.pipe[0]);
-  close(signalTable.pipe[1]);
-  signalTable.pipe[0] = signalTable.pipe[1] = -1;
+  removeSocket(signalPipe[0]);
+  close(signalPipe[0]);
+  close(signalPipe[1]);
+  signalPipe[0] = signalPipe[1] = -1;
 }
 
 void Runner::onSignal(void*, int fd, unsigned int events) {

@@ -13,6 +13,8 @@
 
 #include "kl/runner/runner.h"
 
+// Internal to the library: none of it is exported.
+#pragma GCC visibility push(hidden)
 namespace kl {
 namespace internal {
 
@@ -27,7 +29,6 @@ struct SignalTable {
   Runner* runner;
   char scratch[64];  // digits of the crash report's numbers
   SignalEntry entries[Runner::kMaxSignal + 1];
-  int pipe[2];
   int handledCount;      // signals at SIGACT_HANDLE; the pipe is open while above zero
   uintptr_t stackTop;    // page boundary above the Runner constructor's frame
   char line[100];        // the crash report's read buffer (maps, log tail)
@@ -35,7 +36,10 @@ struct SignalTable {
   char logPrefix[256];   // <root>/dev/log
 };
 
+// Zero-initialised, so that its kilobytes take no space in the library file.
 extern SignalTable signalTable;
+// The self-pipe through which handled signals reach the loop; -1 while closed.
+extern int signalPipe[2];
 
 // Installs the crash handler for the fatal signals and SIGUSR2, and prepares its paths.
 void installCrashHandler();
@@ -50,5 +54,6 @@ void sigbusActionChanged();
 
 }  // namespace internal
 }  // namespace kl
+#pragma GCC visibility pop
 
 #endif  // KL_RUNNER_SIGNAL_TABLE_H_
