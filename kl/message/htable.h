@@ -19,7 +19,7 @@
 namespace kl {
 
 template <typename T>
-class htable {
+class __attribute__((visibility("hidden"))) htable {
  public:
   static constexpr uint32_t kNeverUsed = 0xFFFFFFFFu;
   static constexpr uint32_t kDeleted = 0xFFFFFFFEu;

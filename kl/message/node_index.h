@@ -15,7 +15,7 @@
 namespace kl {
 
 template <class Node>
-class NodeIndex {
+class __attribute__((visibility("hidden"))) NodeIndex {
  public:
   constexpr NodeIndex() = default;
   NodeIndex(const NodeIndex&) = delete;

@@ -52,7 +52,9 @@ struct item : message::litem {
 
 constexpr uint32_t kNoBool = 0xFFFFFFFFu;
 
-struct alignas(8) message::Rep {  // 8: the node pool follows it
+// Hidden: the representation is not part of the exported interface. Aligned to 8 because
+// the node pool follows it.
+struct __attribute__((visibility("hidden"), aligned(8))) message::Rep {
   // The representation that every default-constructed message shares: no node pool.
   constexpr Rep() = default;
   // A representation with `pool` bytes of node pool after it (see create()).
