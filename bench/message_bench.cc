@@ -172,12 +172,14 @@ BENCHMARK(BM_PbParseReused);
 // The memory a decoded request holds, reported as counters (the timing is incidental):
 // kl's request with its nested objects left flat, kl's request with each object decoded
 // as well (the same information protobuf's parse makes available), and protobuf's.
-// kl keeps a few freed message representations for reuse, and a message built from one
-// allocates nothing. Holding this many messages takes them all, so that every
-// representation of the decoded request is allocated, and counted, afresh.
-std::vector<kl::message> emptyRepCache() {
+// kl keeps a few freed message blocks of each size for reuse, and a message built from
+// them allocates nothing. Holding this many messages of both kinds (built small, decoded
+// large) takes them all, so that every block of the decoded request is allocated, and
+// counted, afresh.
+std::vector<kl::message> emptyRepCache(const std::vector<unsigned char>& request) {
   std::vector<kl::message> held(16);
-  for (kl::message& m : held) m.insert_u32(1, 1);
+  for (kl::message& m : held) m.insert_string(1, "a field");
+  for (int i = 0; i < 16; ++i) held.emplace_back(request);
   return held;
 }
 
@@ -187,7 +189,7 @@ void BM_KlDecodedMemory(benchmark::State& state) {
   long allocations = 0, held = 0, deepAllocations = 0, deepHeld = 0;
   const CountingScope scope;
   for (auto _ : state) {
-    const std::vector<kl::message> drained = emptyRepCache();
+    const std::vector<kl::message> drained = emptyRepCache(bytes);
     const long a0 = liveAllocations, b0 = liveBytes;
     kl::message m(bytes);
     allocations = liveAllocations - a0;

@@ -34,8 +34,10 @@ bool includesList(const message::Rep* mine, const message::litem* theirs, unsign
 bool includes_bools(const message::Rep* mine, const message::Rep* theirs) {
   bool all = true;
   forEachBoolOf(theirs, [mine, &all](uint32_t id, bool value) {
-    const bool* here = mine->bools ? mine->bools->find(id)
-                                   : (mine->singleBoolId == id ? &mine->singleBoolValue : nullptr);
+    const htable<bool>* table = mine->boolTable();
+    const bool* here = table != nullptr
+                           ? table->find(id)
+                           : (mine->singleBoolId == id ? &mine->singleBoolValue : nullptr);
     all = all && here != nullptr && *here == value;
   });
   return all;
@@ -89,14 +91,15 @@ void message::merge(const message& other) {
   unique();
   Rep* r = rep_;
   const Rep* o = other.rep_;
-  if (o->bools) {
-    if (!r->bools) {
+  if (const htable<bool>* theirs = o->boolTable()) {
+    htable<bool>* mine = r->boolTable();
+    if (mine == nullptr) {
       const uint32_t single = r->singleBoolId;
-      r->bools.reset(new htable<bool>());
-      if (single != kNoBool) r->bools->get_ref(single) = r->singleBoolValue;
+      mine = &r->makeBoolTable();
+      if (single != kNoBool) mine->get_ref(single) = r->singleBoolValue;
       r->singleBoolId = kNoBool;
     }
-    o->bools->forEach([r](uint32_t id, bool value) { r->bools->get_ref(id) = value; });
+    theirs->forEach([mine](uint32_t id, bool value) { mine->get_ref(id) = value; });
   } else if (o->singleBoolId != kNoBool) {
     r->setBool(o->singleBoolId, o->singleBoolValue);
   }
@@ -131,7 +134,7 @@ void message::removeIdMask(uint32_t value, uint32_t mask) {
   const uint32_t target = value & mask;
   auto matches = [target, mask](uint32_t id) { return (id & mask) == target; };
   if (target < kTypeU32) {  // bool type bits, or a mask that leaves the type out
-    if (r->bools) r->bools->removeIf(matches);
+    if (htable<bool>* table = r->boolTable()) table->removeIf(matches);
     if (r->singleBoolId != kNoBool && matches(r->singleBoolId)) r->singleBoolId = kNoBool;
   }
   if ((mask & kTypeU32) == (target & kTypeMask)) r->u32s.removeIf(matches);
@@ -144,8 +147,8 @@ void message::remove_bool(uint32_t id) {
   id = withType(id, kTypeBool);
   if (rep_->singleBoolId == id) {
     rep_->singleBoolId = kNoBool;
-  } else if (rep_->bools) {
-    rep_->bools->remove(id);  // the table stays, even when empty
+  } else if (htable<bool>* table = rep_->boolTable()) {
+    table->remove(id);  // the table stays, even when empty
   }
 }
 

@@ -9,7 +9,9 @@
 // Slot ids 0xFFFFFFFF (never used) and 0xFFFFFFFE (deleted) are markers, so those two ids
 // cannot be stored. A table starts with capacity 11, whose slots live inside the table
 // object itself (most messages never grow past them, and a decode then costs one allocation
-// less); a grown table's slots are on the heap. Not thread-safe.
+// less); a grown table's slots are on the heap, and the pointer to them takes the place of
+// the inline slots, so that the table is no larger than its inline slots and two counts.
+// Not thread-safe.
 #ifndef KL_MESSAGE_HTABLE_H_
 #define KL_MESSAGE_HTABLE_H_
 
@@ -37,6 +39,7 @@ class __attribute__((visibility("hidden"))) htable {
   explicit htable(Uninitialized) {}
   htable(const htable& other);
   htable& operator=(const htable& other);
+  ~htable() { release(); }
 
   // The value stored under `id`, or null when absent. Valid until the next insertion.
   const T* find(uint32_t id) const;
@@ -52,22 +55,28 @@ class __attribute__((visibility("hidden"))) htable {
   bool remove(uint32_t id);
 
   uint32_t count() const { return count_; }
-  uint32_t capacity() const { return capacity_; }
+  // Whether anything was ever inserted (the table has slots).
+  bool inUse() const { return capacity_ != 0; }
+  uint32_t capacity() const { return capacity_ != 0 ? capacity_ : kInitialCapacity; }
 
   // Calls f(id, value) for every live slot in slot order.
   template <typename F>
   void forEach(F&& f) const {
-    for (uint32_t i = 0; slots_ && i < capacity_; ++i) {
-      if (isLive(slots_[i].id)) f(slots_[i].id, slots_[i].value);
+    if (capacity_ == 0) return;
+    const slot* s = slots();
+    for (uint32_t i = 0; i < capacity_; ++i) {
+      if (isLive(s[i].id)) f(s[i].id, s[i].value);
     }
   }
 
   // Calls f(id) for every live slot in slot order; the slot is deleted when f returns true.
   template <typename F>
   void removeIf(F&& f) {
-    for (uint32_t i = 0; slots_ && i < capacity_; ++i) {
-      if (isLive(slots_[i].id) && f(slots_[i].id)) {
-        slots_[i].id = kDeleted;
+    if (capacity_ == 0) return;
+    slot* s = slots();
+    for (uint32_t i = 0; i < capacity_; ++i) {
+      if (isLive(s[i].id) && f(s[i].id)) {
+        s[i].id = kDeleted;
         --count_;
       }
     }
@@ -76,17 +85,31 @@ class __attribute__((visibility("hidden"))) htable {
   static bool isLive(uint32_t id) { return id < kDeleted; }
 
  private:
+  // The slots in use: the inline ones or the heap's. REQUIRES: capacity_ != 0.
+  slot* slots() { return capacity_ == kInitialCapacity ? inline_ : heap_; }
+  const slot* slots() const { return capacity_ == kInitialCapacity ? inline_ : heap_; }
+  // Gives `capacity` never-used slots, inline for the initial capacity.
   void allocate(uint32_t capacity);
+  // Frees heap slots, if any.
+  void release() {
+    if (capacity_ > kInitialCapacity) delete[] heap_;
+  }
   void grow();
-  // Index of `id`'s slot, or of the slot an insertion of `id` would take; -1 when the table
-  // is full of other ids. `forInsert` selects the second meaning.
-  int64_t probe(uint32_t id, bool forInsert) const;
+  // `id`'s slot, or the slot an insertion of `id` would take; null when the table is full
+  // of other ids. `forInsert` selects the second meaning.
+  const slot* probe(uint32_t id, bool forInsert) const;
+  slot* probe(uint32_t id, bool forInsert) {
+    return const_cast<slot*>(static_cast<const htable*>(this)->probe(id, forInsert));
+  }
 
-  slot* slots_ = nullptr;  // null until the first insertion, then inline_ or heap_
-  std::unique_ptr<slot[]> heap_;
-  uint32_t capacity_ = kInitialCapacity;
+  // 0 until the first insertion (no slot written yet; the capacity is then
+  // kInitialCapacity), else the number of slots.
+  uint32_t capacity_ = 0;
   uint32_t count_ = 0;
-  slot inline_[kInitialCapacity];
+  union {
+    slot inline_[kInitialCapacity];  // while capacity_ is kInitialCapacity
+    slot* heap_;                     // while capacity_ is larger
+  };
 };
 
 template <typename T>
@@ -97,69 +120,71 @@ htable<T>::htable(const htable& other) {
 template <typename T>
 htable<T>& htable<T>::operator=(const htable& other) {
   if (this == &other) return *this;
-  if (other.slots_ == nullptr) {
-    slots_ = nullptr;
-    heap_.reset();
-    capacity_ = other.capacity_;
+  if (other.capacity_ == 0) {
+    release();
+    capacity_ = 0;
     count_ = 0;
     return *this;
   }
   allocate(other.capacity_);
-  for (uint32_t i = 0; i < capacity_; ++i) slots_[i] = other.slots_[i];
+  slot* mine = slots();
+  const slot* theirs = other.slots();
+  for (uint32_t i = 0; i < capacity_; ++i) mine[i] = theirs[i];
   count_ = other.count_;
   return *this;
 }
 
 template <typename T>
 void htable<T>::allocate(uint32_t capacity) {
-  if (capacity == kInitialCapacity) {
-    heap_.reset();
-    slots_ = inline_;
-  } else {
-    heap_.reset(new slot[capacity]);
-    slots_ = heap_.get();
-  }
+  release();
+  if (capacity != kInitialCapacity) heap_ = new slot[capacity];
   capacity_ = capacity;
   count_ = 0;
-  for (uint32_t i = 0; i < capacity; ++i) slots_[i] = slot{kNeverUsed, T()};
+  slot* s = slots();
+  for (uint32_t i = 0; i < capacity; ++i) s[i] = slot{kNeverUsed, T()};
 }
 
 template <typename T>
-int64_t htable<T>::probe(uint32_t id, bool forInsert) const {
-  if (!slots_) return -1;
+const typename htable<T>::slot* htable<T>::probe(uint32_t id, bool forInsert) const {
+  if (capacity_ == 0) return nullptr;
+  const slot* s = slots();
   // Most tables never grow: a constant divisor lets the compiler avoid a division.
   const uint32_t start = capacity_ == kInitialCapacity ? id % kInitialCapacity : id % capacity_;
   int64_t firstDeleted = -1;
   uint32_t i = start;
   do {
-    const uint32_t here = slots_[i].id;
-    if (here == id) return i;
+    const uint32_t here = s[i].id;
+    if (here == id) return &s[i];
     if (here == kNeverUsed) {
-      if (!forInsert) return -1;
-      return firstDeleted >= 0 ? firstDeleted : static_cast<int64_t>(i);
+      if (!forInsert) return nullptr;
+      return firstDeleted >= 0 ? &s[firstDeleted] : &s[i];
     }
     if (here == kDeleted && firstDeleted < 0) firstDeleted = i;
     i = (i + 1 == capacity_) ? 0 : i + 1;
   } while (i != start);
-  return forInsert ? firstDeleted : -1;
+  return forInsert && firstDeleted >= 0 ? &s[firstDeleted] : nullptr;
 }
 
 template <typename T>
 const T* htable<T>::find(uint32_t id) const {
-  int64_t i = probe(id, false);
-  return i < 0 ? nullptr : &slots_[i].value;
+  const slot* s = probe(id, false);
+  return s != nullptr ? &s->value : nullptr;
 }
 
 template <typename T>
 void htable<T>::grow() {
-  // Keep the old slots alive (inline or heap) while they are re-inserted in slot order.
-  std::unique_ptr<slot[]> oldHeap = std::move(heap_);
-  slot oldInline[kInitialCapacity];
+  // Take the old slots (inline or heap) out of the table while they are re-inserted in
+  // slot order.
   const uint32_t oldCapacity = capacity_;
-  const slot* old = oldHeap.get();
-  if (old == nullptr) {
+  slot oldInline[kInitialCapacity];
+  std::unique_ptr<slot[]> oldHeap;
+  const slot* old = oldInline;
+  if (oldCapacity == kInitialCapacity) {
     for (uint32_t i = 0; i < kInitialCapacity; ++i) oldInline[i] = inline_[i];
-    old = oldInline;
+  } else {
+    oldHeap.reset(heap_);
+    old = heap_;
+    capacity_ = 0;  // the heap slots now belong to oldHeap
   }
   allocate(2 * oldCapacity);
   for (uint32_t i = 0; i < oldCapacity; ++i) {
@@ -169,10 +194,9 @@ void htable<T>::grow() {
 
 template <typename T>
 T& htable<T>::get_ref(uint32_t id) {
-  if (!slots_) allocate(capacity_);
+  if (capacity_ == 0) allocate(kInitialCapacity);
   if (count_ + 1 > capacity_ / 16 + capacity_ / 2) grow();
-  int64_t i = probe(id, true);
-  slot& s = slots_[i];  // the growth rule keeps free slots, so the probe always finds one
+  slot& s = *probe(id, true);  // the growth rule keeps free slots, so the probe finds one
   if (s.id != id) {
     s.id = id;
     ++count_;
@@ -182,9 +206,9 @@ T& htable<T>::get_ref(uint32_t id) {
 
 template <typename T>
 bool htable<T>::remove(uint32_t id) {
-  int64_t i = probe(id, false);
-  if (i < 0) return false;
-  slots_[i].id = kDeleted;
+  slot* s = probe(id, false);
+  if (s == nullptr) return false;
+  s->id = kDeleted;
   --count_;
   return true;
 }

@@ -25,7 +25,7 @@ namespace {
 // initialisers) and never destroyed (no shutdown order problem either); its count starts
 // at 1 for the holder itself, so no handle ever brings it to zero or writes into it.
 union NilHolder {
-  constexpr NilHolder() : rep() {}
+  constexpr NilHolder() : rep(message::Rep::kShared) {}
   ~NilHolder() {}
   message::Rep rep;
 };
@@ -92,85 +92,126 @@ message::Rep::~Rep() {
 
 namespace {
 
-// Freed representations kept for reuse by this thread: a service builds and drops a
-// message for every request, and a block taken from here costs no trip to the allocator.
-// Every block has the same size, a Rep with its node pool.
+// Freed blocks kept for reuse by this thread: a service builds and drops a message for
+// every request, and a block taken from here costs no trip to the allocator. Small blocks
+// (a Rep with its pool, or a node chunk) and large ones are kept apart.
 //
 // The cache is plain data in the initial-exec TLS model, so that reaching it is one
 // load and not a call into the dynamic loader. The first block kept on a thread arms a
 // closer that returns the blocks to the allocator when the thread ends; a message released
-// after that (a static one at exit) frees its block directly.
-struct RepCache {
+// after that (a static one at exit) frees its blocks directly.
+struct BlockCache {
   static constexpr unsigned kCapacity = 8;
-  void* blocks[kCapacity];
-  unsigned count;
+  struct Shelf {
+    void* blocks[kCapacity];
+    unsigned count;
+  };
+  Shelf small;
+  Shelf large;
   bool armed;
   bool closed;
 };
 
-thread_local RepCache repCache __attribute__((tls_model("initial-exec")));
+thread_local BlockCache blockCache __attribute__((tls_model("initial-exec")));
 
-constexpr size_t kRepBlockSize = sizeof(message::Rep) + message::Rep::kPoolSize;
+void emptyShelf(BlockCache::Shelf& shelf, size_t size) {
+  while (shelf.count > 0) {
+    void* block = shelf.blocks[--shelf.count];
+    KL_UNPOISON(block, size);
+    ::operator delete(block);
+  }
+}
 
-struct RepCacheCloser {
-  ~RepCacheCloser() {
-    repCache.closed = true;
-    while (repCache.count > 0) {
-      void* block = repCache.blocks[--repCache.count];
-      KL_UNPOISON(block, kRepBlockSize);
-      ::operator delete(block);
-    }
+struct BlockCacheCloser {
+  ~BlockCacheCloser() {
+    blockCache.closed = true;
+    emptyShelf(blockCache.small, kBlockSize);
+    emptyShelf(blockCache.large, kLargeBlockSize);
   }
 };
 
-void* takeCachedRep() {
-  if (repCache.count == 0) return nullptr;
-  void* block = repCache.blocks[--repCache.count];
-  KL_UNPOISON(block, kRepBlockSize);
+// A block of `size` bytes from `shelf`, else from the allocator.
+void* takeBlock(BlockCache::Shelf& shelf, size_t size) {
+  if (shelf.count == 0) return ::operator new(size);
+  void* block = shelf.blocks[--shelf.count];
+  KL_UNPOISON(block, size);
   return block;
 }
 
-// Keeps `block` for reuse; false when the cache is full or closed, and the caller frees it.
-bool keepCachedRep(void* block) {
-  if (repCache.closed || repCache.count == RepCache::kCapacity) return false;
-  if (!repCache.armed) {
-    static thread_local RepCacheCloser closer;
-    (void)closer;
-    repCache.armed = true;
+// Keeps `block` of `size` bytes on `shelf` for reuse, or frees it when the shelf is full
+// or the cache closed.
+void giveBlock(BlockCache::Shelf& shelf, void* block, size_t size) {
+  if (blockCache.closed || shelf.count == BlockCache::kCapacity) {
+    ::operator delete(block);
+    return;
   }
-  KL_POISON(block, kRepBlockSize);
-  repCache.blocks[repCache.count++] = block;
-  return true;
+  if (!blockCache.armed) {
+    static thread_local BlockCacheCloser closer;
+    (void)closer;
+    blockCache.armed = true;
+  }
+  KL_POISON(block, size);
+  shelf.blocks[shelf.count++] = block;
 }
 
 }  // namespace
 
-message::Rep* message::Rep::create() {
-  void* memory = takeCachedRep();
-  if (memory == nullptr) memory = ::operator new(kRepBlockSize);
-  return new (memory) Rep(kPoolSize);
+message::Rep* message::Rep::create(bool large) {
+  Rep* rep = large ? new (takeBlock(blockCache.large, kLargeBlockSize)) Rep
+                   : new (takeBlock(blockCache.small, kBlockSize)) Rep;
+  rep->large = large;
+  return rep;
 }
 
 void message::Rep::destroy(Rep* rep) {
+  unsigned char* chunk = rep->chunk;
+  const bool large = rep->large;
   rep->~Rep();
-  if (!keepCachedRep(rep)) ::operator delete(rep);
+  if (chunk != nullptr) giveBlock(blockCache.small, chunk, kBlockSize);
+  if (large) {
+    giveBlock(blockCache.large, rep, kLargeBlockSize);
+  } else {
+    giveBlock(blockCache.small, rep, kBlockSize);
+  }
+}
+
+void* message::Rep::chunkSpace(uint32_t size) {
+  if (chunk == nullptr)
+    chunk = static_cast<unsigned char*>(takeBlock(blockCache.small, kBlockSize));
+  if (chunkUsed + size <= kBlockSize) {
+    void* space = chunk + chunkUsed;
+    chunkUsed += size;
+    return space;
+  }
+  return ::operator new(size);
+}
+
+bool message::Rep::inBlocks(const void* node) const {
+  const unsigned char* p = static_cast<const unsigned char*>(node);
+  const unsigned char* base = reinterpret_cast<const unsigned char*>(this + 1);
+  return (p >= base && p < base + poolSize()) ||
+         (chunk != nullptr && p >= chunk && p < chunk + kBlockSize);
 }
 
 void message::Rep::freeNode(litem* node) {
   visitItem(node, [this](auto* it) {
-    if (inPool(it)) {
-      using It = std::remove_pointer_t<decltype(it)>;
-      it->~It();
-    } else {
-      delete it;
-    }
+    using It = std::remove_pointer_t<decltype(it)>;
+    it->~It();
+    if (!inBlocks(it)) ::operator delete(it);
   });
 }
 
-void message::Rep::buildIndex() {
-  index.activate(nodeCount);
+void message::Rep::indexNode(litem* node) {
+  if (NodeIndex<litem>* index = activeIndex()) {
+    index->insert(node);
+    return;
+  }
+  if (nodeCount <= kIndexFrom) return;
+  NodeIndex<litem>* index = new NodeIndex<litem>;
+  extrasRef().index.reset(index);
+  index->activate(nodeCount);
   for (litem* list : {fields, arrays}) {
-    for (litem* node = list; node != nullptr; node = node->next) index.insert(node);
+    for (litem* linked = list; linked != nullptr; linked = linked->next) index->insert(linked);
   }
 }
 
@@ -198,7 +239,8 @@ message::message(const flat_message& flat) : message(flat.data(), flat.size()) {
 
 message::message(const std::vector<unsigned char>& data) : message(data.data(), data.size()) {}
 
-message::message(const unsigned char* data, unsigned int len) : rep_(Rep::create()) {
+message::message(const unsigned char* data, unsigned int len)
+    : rep_(Rep::create(len > kLargeDecodeFrom)) {
   unflatten(data, len, flatten_full);
 }
 
@@ -218,15 +260,16 @@ void message::clone() {
     rep_ = Rep::create();
     return;
   }
-  Rep* copy = Rep::create();
   const Rep* src = rep_;
+  // A large block takes what the source's pool and chunk hold in one allocation.
+  Rep* copy = Rep::create(src->large || src->chunk != nullptr);
   copy->singleBoolId = src->singleBoolId;
   copy->singleBoolValue = src->singleBoolValue;
-  if (src->bools) copy->bools.reset(new htable<bool>(*src->bools));
+  if (const htable<bool>* table = src->boolTable()) copy->makeBoolTable() = *table;
   copy->u32s = src->u32s;
   copyList(copy, src->fields);
   copyList(copy, src->arrays);
-  if (src->flatSide) copy->flatSide.reset(new Bytes(*src->flatSide));
+  if (const Bytes* side = src->flatSide()) copy->extrasRef().flatSide.reset(new Bytes(*side));
   release(rep_);
   rep_ = copy;
 }
@@ -243,31 +286,32 @@ bool message::empty() const {
          rep_->arrays == nullptr;
 }
 
-const std::vector<unsigned char>* message::passthrough() const { return rep_->flatSide.get(); }
+const std::vector<unsigned char>* message::passthrough() const { return rep_->flatSide(); }
 
 // --- bool -----------------------------------------------------------------------------------
 
 bool& message::Rep::boolRef(uint32_t id) {
-  if (!bools) {
+  htable<bool>* table = boolTable();
+  if (table == nullptr) {
     if (singleBoolId == id) return singleBoolValue;
     if (singleBoolId == kNoBool) {
       singleBoolId = id;
       singleBoolValue = false;
       return singleBoolValue;
     }
-    bools.reset(new htable<bool>());
-    bools->get_ref(singleBoolId) = singleBoolValue;
+    table = &makeBoolTable();
+    table->get_ref(singleBoolId) = singleBoolValue;
     singleBoolId = kNoBool;
   }
-  if (bool* found = bools->find(id)) return *found;
-  bool& value = bools->get_ref(id);
+  if (bool* found = table->find(id)) return *found;
+  bool& value = table->get_ref(id);
   value = false;
   return value;
 }
 
 void message::Rep::setBool(uint32_t id, bool value) {
-  if (bools) {
-    bools->get_ref(id) = value;
+  if (htable<bool>* table = boolTable()) {
+    table->get_ref(id) = value;
   } else {
     boolRef(id) = value;
   }
@@ -275,7 +319,7 @@ void message::Rep::setBool(uint32_t id, bool value) {
 
 const bool* message::get_bool_ref(uint32_t id) const {
   id = withType(id, kTypeBool);
-  if (rep_->bools) return rep_->bools->find(id);
+  if (const htable<bool>* table = rep_->boolTable()) return table->find(id);
   return rep_->singleBoolId == id ? &rep_->singleBoolValue : nullptr;
 }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <string>
 #include <thread>
 
 #include "kl/base/endian.h"
@@ -319,12 +321,80 @@ TEST(Message, CloneKeepsEveryField) {
   EXPECT_TRUE(a == b);
 }
 
+// A message keeps its list nodes in the block of its representation, in a second block
+// once that is full, and on their own beyond both; once the lists are long, an index finds
+// them. Whatever the shape of its life (built or decoded, grown past the index and shrunk
+// below it again, copied), every field stays where an accessor finds it.
+TEST(Message, FieldsAreFoundWhereverTheirNodesLive) {
+  struct Shape {
+    const char* name;
+    unsigned int fields;  // list nodes: strings, u64 values, address and u32 arrays
+    unsigned int kept;    // fields left after the removals
+    unsigned int added;   // fields added after them
+  };
+  const Shape shapes[] = {
+      {"one node", 1, 1, 0},
+      {"a few", 4, 2, 2},
+      {"past the pool", 9, 3, 6},
+      {"past the chunk", 24, 20, 4},
+      {"index, then shrunk", 40, 3, 5},
+  };
+  for (const Shape& shape : shapes) {
+    for (const bool decoded : {false, true}) {
+      SCOPED_TRACE(std::string(shape.name) + (decoded ? ", decoded" : ", built"));
+      std::map<uint32_t, std::string> model;  // string fields by id
+      message built;
+      auto put = [&model](message& m, uint32_t n) {
+        const std::string text = "value of field " + std::to_string(n);
+        m.insert_string(0x20fd0000 | n, text);
+        m.insert_u64(0x10fd0000 | n, n);
+        m.insert_addr6_array(0x98fd0000 | n, {addr(static_cast<unsigned char>(n))});
+        m.insert_u32_array(0x88fd0000 | n, {n, n + 1});
+        model[n] = text;
+      };
+      for (uint32_t n = 1; n <= shape.fields; ++n) put(built, n);
+      message m = built;
+      if (decoded) {
+        Bytes bytes;
+        built.flatten(bytes);
+        m = message(bytes);
+      }
+      for (uint32_t n = shape.kept + 1; n <= shape.fields; ++n) {
+        m.remove_field(0x20fd0000 | n);
+        m.remove_field(0x10fd0000 | n);
+        m.remove_array(0x98fd0000 | n);
+        m.remove_array(0x88fd0000 | n);
+        model.erase(n);
+      }
+      for (uint32_t n = 100; n < 100 + shape.added; ++n) put(m, n);
+      const message copy = m;
+      m.insert_u32(1, 1);  // the write makes m a copy of its own
+      for (const message* which : {static_cast<const message*>(&m), &copy}) {
+        for (uint32_t n = 1; n < 100 + shape.added; ++n) {
+          const bool present = model.count(n) != 0;
+          ASSERT_EQ(which->size_field(0x20fd0000 | n) != 0, present) << n;
+          if (!present) continue;
+          EXPECT_EQ(which->get_string(0x20fd0000 | n, ""), model[n]);
+          EXPECT_EQ(which->get_u64(0x10fd0000 | n, 0), n);
+          EXPECT_EQ(which->get_u32_array(0x88fd0000 | n), (std::vector<unsigned int>{n, n + 1}));
+          EXPECT_EQ(which->get_addr6_array(0x98fd0000 | n).size(), 1u);
+        }
+      }
+      Bytes again;
+      copy.flatten(again);
+      EXPECT_TRUE(message(again) == copy);
+    }
+  }
+}
+
 // Freed representations are reused: a message built from a reused one must start as empty
 // as a fresh one, whatever the last owner left in it (a grown table, an index, a side
 // buffer).
+// Small blocks (built messages) and large ones (decoded) are reused alike.
 TEST(Message, ReusedRepresentationsStartEmpty) {
-  std::vector<message> used(40);
-  for (message& m : used) {
+  std::vector<message> used;
+  for (int i = 0; i < 40; ++i) {
+    message m;
     m.insert_bool(1, true);
     m.insert_bool(2, true);
     for (unsigned int i = 0; i < 30; ++i) m.insert_u32(i, i);
@@ -333,22 +403,30 @@ TEST(Message, ReusedRepresentationsStartEmpty) {
     Bytes bytes;
     m.flatten(bytes);
     m.unflatten(bytes.data(), bytes.size(), message::flatten_keep_passthrough);
+    used.push_back(m);
+    used.emplace_back(bytes);
   }
   used.clear();
   for (int round = 0; round < 40; ++round) {
-    message m;
-    m.insert_u32(3, 33);
-    EXPECT_EQ(m.size_bool(1), 0u);
-    EXPECT_EQ(m.size_u32(4), 0u);
-    EXPECT_EQ(m.size_field(0x20000005), 0u);
-    EXPECT_FALSE(m.has_array(0x88000007));
-    EXPECT_EQ(m.passthrough(), nullptr);
     message fresh;
     fresh.insert_u32(3, 33);
-    Bytes got, want;
-    m.flatten(got);
+    fresh.insert_string(8, std::string(40, 'x'));  // long enough for a large block
+    Bytes want;
     fresh.flatten(want);
-    EXPECT_EQ(got, want);
+    message built;
+    built.insert_u32(3, 33);
+    built.insert_string(8, std::string(40, 'x'));
+    const message decoded(want);
+    for (const message* m : {static_cast<const message*>(&built), &decoded}) {
+      EXPECT_EQ(m->size_bool(1), 0u);
+      EXPECT_EQ(m->size_u32(4), 0u);
+      EXPECT_EQ(m->size_field(0x20000005), 0u);
+      EXPECT_FALSE(m->has_array(0x88000007));
+      EXPECT_EQ(m->passthrough(), nullptr);
+      Bytes got;
+      m->flatten(got);
+      EXPECT_EQ(got, want);
+    }
   }
 }
 

@@ -3,19 +3,28 @@
 // The representation behind kl::message, shared by the message, wire, algebra and dump
 // units of the library. Not installed; services use kl/message/message.h.
 //
-// Rep holds, in this order: the bool table (null until a second distinct bool is stored),
-// the u32 table, the list of non-array u64/addr6/string/message/raw fields, the list of all
-// arrays, the single inline bool, the flat side buffer of the pass-through decode mode, the
-// reference count and the unshareable flag. Lists run newest first. A list node's value
-// type follows from its id's type bits, which the accessors always force, so a node can be
-// cast to its item<V> by its id alone. Field ids never carry the array bit and array ids
-// always do, so an id alone also tells which list holds it.
+// Rep holds the u32 table, the list of non-array u64/addr6/string/message/raw fields, the
+// list of all arrays, the single inline bool, the reference count and the unshareable flag;
+// the bool table (null until a second distinct bool is stored) and the flat side buffer of
+// the pass-through decode mode are among its extras, allocated when first needed. Lists run
+// newest first. A list node's value type follows from its id's type bits, which the
+// accessors always force, so a node can be cast to its item<V> by its id alone. Field ids
+// never carry the array bit and array ids always do, so an id alone also tells which list
+// holds it.
 //
-// Two additions serve speed and change no order: once the lists hold more than kIndexFrom
+// Memory: a Rep and its node pool share one block. A message built field by field starts
+// in a small block (kBlockSize: the Rep and room for one string node), so that a message
+// of a few fields costs one allocation and little memory; when its pool is used up, one
+// more small block becomes its node chunk. A message decoded from more than
+// kLargeDecodeFrom bytes, which usually carries strings, arrays or nested messages, starts
+// in a large block (kLargeBlockSize) whose pool takes the nodes of a typical request, so
+// that a decode costs one allocation. Nodes beyond pool and chunk are allocated one by
+// one. Freed blocks of both sizes are kept per thread for reuse, so a message built or
+// decoded in a loop usually allocates nothing.
+//
+// An addition serves speed and changes no order: once the lists hold more than kIndexFrom
 // nodes, an index by id finds a node without walking its list (decode, comparison and
-// merge stay linear in the number of fields); and the first nodes are placed in a pool
-// allocated with the Rep itself, so that a typical message costs one allocation, not one
-// per field.
+// merge stay linear in the number of fields).
 #ifndef KL_MESSAGE_REP_H_
 #define KL_MESSAGE_REP_H_
 
@@ -52,43 +61,70 @@ struct item : message::litem {
 
 constexpr uint32_t kNoBool = 0xFFFFFFFFu;
 
+// Bytes of the node pool that follows a Rep in a small block: one string node, the
+// largest kind.
+constexpr uint32_t kNodePoolSize = (sizeof(item<std::string>) + 7) & ~7u;
+
 // Hidden: the representation is not part of the exported interface. Aligned to 8 because
 // the node pool follows it.
 struct __attribute__((visibility("hidden"), aligned(8))) message::Rep {
-  // The representation that every default-constructed message shares: no node pool.
-  constexpr Rep() = default;
-  // A representation with `pool` bytes of node pool after it (see create()).
-  explicit Rep(uint32_t pool) : u32s(htable<unsigned int>::kUninitialized), poolSize(pool) {}
+  // The representation that every default-constructed message shares, constant-initialised.
+  // It is never written to, so it needs no node pool.
+  enum Shared { kShared };
+  constexpr explicit Rep(Shared) : u32s(), unshareable(false), large(false) {}
+  // A representation in a block (see create()): the u32 table's inline slots are left to
+  // its first insertion.
+  Rep() : u32s(htable<unsigned int>::kUninitialized), unshareable(false), large(false) {}
   Rep(const Rep&) = delete;
   Rep& operator=(const Rep&) = delete;
   ~Rep();
 
-  // A new, empty representation, allocated together with its node pool: the first list
-  // nodes live in the same allocation as the Rep, so that a typical message costs one
-  // allocation, and none when this thread has a freed one to reuse. Free it with
-  // destroy().
-  static Rep* create();
+  // The parts few messages need, allocated on first use: the bool table (a second distinct
+  // bool), the flat side buffer (a pass-through decode) and the index by id (more than
+  // kIndexFrom nodes).
+  struct Extras {
+    htable<bool> bools{htable<bool>::kUninitialized};  // there is a table once in use
+    std::unique_ptr<Bytes> flatSide;
+    std::unique_ptr<NodeIndex<litem> > index;
+  };
+
+  // A new, empty representation in a small or `large` block with its node pool, taken
+  // from this thread's kept blocks when it has one. Free it with destroy().
+  static Rep* create(bool large = false);
   static void destroy(Rep* rep);
 
-  std::unique_ptr<htable<bool> > bools;
   htable<unsigned int> u32s;
   litem* fields = nullptr;
   litem* arrays = nullptr;
+  std::unique_ptr<Extras> extras;
+  unsigned char* chunk = nullptr;  // the block of further nodes, once the pool is used up
   uint32_t singleBoolId = kNoBool;
-  bool singleBoolValue = false;
-  std::unique_ptr<Bytes> flatSide;
   std::atomic<uint32_t> refs{1};
-  bool unshareable = false;
-  // Nodes in both lists; once there are more than kIndexFrom, `index` finds them by id.
-  uint32_t nodeCount = 0;
-  NodeIndex<litem> index;
-  // The node pool: poolSize bytes right after the Rep, of which poolUsed are handed out.
-  // Pool space is not reused when its node is freed; the whole pool goes with the Rep.
-  uint32_t poolSize = 0;
-  uint32_t poolUsed = 0;
+  uint32_t nodeCount = 0;  // nodes in both lists
+  // Bytes handed out from the pool and the chunk. Their space is not reused when a node
+  // is freed; both go with the Rep.
+  uint8_t poolUsed = 0;
+  uint8_t chunkUsed = 0;
+  bool singleBoolValue = false;
+  bool unshareable : 1;
+  bool large : 1;  // in a large block
 
   static constexpr uint32_t kIndexFrom = 12;
-  static constexpr uint32_t kPoolSize = 192;
+
+  // The bool table, or null while there is none.
+  htable<bool>* boolTable() { return extras && extras->bools.inUse() ? &extras->bools : nullptr; }
+  const htable<bool>* boolTable() const {
+    return extras && extras->bools.inUse() ? &extras->bools : nullptr;
+  }
+  // The bool table, to be used at once: it exists from its first insertion. The single
+  // bool stays where it is.
+  htable<bool>& makeBoolTable() { return extrasRef().bools; }
+  Extras& extrasRef() {
+    if (!extras) extras.reset(new Extras);
+    return *extras;
+  }
+  // The flat side buffer, or null.
+  Bytes* flatSide() const { return extras ? extras->flatSide.get() : nullptr; }
 
   // The bool slot of `id`, created false when absent. The first bool lives inline; a second
   // distinct id moves both into the table, where every bool stays from then on.
@@ -99,7 +135,7 @@ struct __attribute__((visibility("hidden"), aligned(8))) message::Rep {
   void setBool(uint32_t id, bool value);
 
   unsigned int boolCount() const {
-    if (bools) return bools->count();
+    if (const htable<bool>* table = boolTable()) return table->count();
     return singleBoolId != kNoBool ? 1 : 0;
   }
 
@@ -107,9 +143,12 @@ struct __attribute__((visibility("hidden"), aligned(8))) message::Rep {
   litem*& listOf(uint32_t id) { return (id & kArrayBit) != 0 ? arrays : fields; }
   const litem* listOf(uint32_t id) const { return (id & kArrayBit) != 0 ? arrays : fields; }
 
+  // The index by id, or null while the lists are short.
+  NodeIndex<litem>* activeIndex() const { return extras ? extras->index.get() : nullptr; }
+
   // The node with exactly `id`, or null.
   const litem* findNode(uint32_t id) const {
-    if (index.active()) return index.find(id);
+    if (const NodeIndex<litem>* index = activeIndex()) return index->find(id);
     for (const litem* node = listOf(id); node != nullptr; node = node->next) {
       if (node->id == id) return node;
     }
@@ -120,15 +159,9 @@ struct __attribute__((visibility("hidden"), aligned(8))) message::Rep {
   // yet linked.
   template <class V, class... Args>
   item<V>* newItem(uint32_t id, Args&&... args) {
-    constexpr uint32_t size = (sizeof(item<V>) + 7) & ~7u;
     static_assert(alignof(item<V>) <= 8, "pool nodes are 8-byte aligned");
-    item<V>* node;
-    if (poolUsed + size <= poolSize) {
-      node = new (pool() + poolUsed) item<V>(std::forward<Args>(args)...);
-      poolUsed += size;
-    } else {
-      node = new item<V>(std::forward<Args>(args)...);
-    }
+    item<V>* node =
+        new (nodeSpace((sizeof(item<V>) + 7) & ~7u)) item<V>(std::forward<Args>(args)...);
     node->id = id;
     return node;
   }
@@ -138,12 +171,8 @@ struct __attribute__((visibility("hidden"), aligned(8))) message::Rep {
     litem*& head = listOf(node->id);
     node->next = head;
     head = node;
-    ++nodeCount;
-    if (index.active()) {
-      index.insert(node);
-    } else if (nodeCount > kIndexFrom) {
-      buildIndex();
-    }
+    // An index, once built, stays: the count may have fallen below the threshold since.
+    if (++nodeCount > kIndexFrom || extras != nullptr) indexNode(node);
   }
 
   // Unlinks the node that *link points at and frees it.
@@ -151,22 +180,44 @@ struct __attribute__((visibility("hidden"), aligned(8))) message::Rep {
     litem* node = *link;
     *link = node->next;
     --nodeCount;
-    if (index.active()) index.erase(node->id);
+    if (NodeIndex<litem>* index = activeIndex()) index->erase(node->id);
     freeNode(node);
   }
 
-  // Destroys a node, returning its memory unless it lies in the pool.
+  // Destroys a node, returning its memory unless it lies in the pool or the chunk.
   void freeNode(litem* node);
 
  private:
   unsigned char* pool() { return reinterpret_cast<unsigned char*>(this + 1); }
-  bool inPool(const void* p) const {
-    const unsigned char* base = reinterpret_cast<const unsigned char*>(this + 1);
-    const unsigned char* q = static_cast<const unsigned char*>(p);
-    return q >= base && q < base + poolSize;
+  // Room for a node of `size` bytes (a multiple of 8): in the pool, else in the chunk
+  // (taken now if need be), else on its own.
+  void* nodeSpace(uint32_t size) {
+    if (poolUsed + size > poolSize()) return chunkSpace(size);
+    void* space = pool() + poolUsed;
+    poolUsed += size;
+    return space;
   }
-  void buildIndex();
+  void* chunkSpace(uint32_t size);
+  uint32_t poolSize() const;
+  // Whether `node` lies in the pool or the chunk rather than on its own.
+  bool inBlocks(const void* node) const;
+  // Indexes the newly linked `node` when there is an index, or builds the index when the
+  // lists have just grown past kIndexFrom.
+  void indexNode(litem* node);
 };
+
+// The size of a small block: a Rep with its node pool, or a node chunk.
+constexpr uint32_t kBlockSize = sizeof(message::Rep) + kNodePoolSize;
+// The size of a large block: the memory of two small ones, in one allocation.
+constexpr uint32_t kLargeBlockSize = 2 * kBlockSize + 8;
+// Decodes of more bytes than this start in a large block.
+constexpr uint32_t kLargeDecodeFrom = 32;
+static_assert(kLargeBlockSize - sizeof(message::Rep) <= 255,
+              "pool and chunk offsets are kept in a byte");
+
+inline uint32_t message::Rep::poolSize() const {
+  return large ? kLargeBlockSize - sizeof(Rep) : kNodePoolSize;
+}
 
 // The value type of each type code, for scalars (Scalar) and arrays (Array).
 template <uint32_t TypeBits>
@@ -254,8 +305,8 @@ decltype(auto) visitItem(Node* node, F&& f) {
 // order the encoder and the dump use.
 template <class F>
 void forEachBoolOf(const message::Rep* r, F&& f) {
-  if (r->bools) {
-    r->bools->forEach(f);
+  if (const htable<bool>* table = r->boolTable()) {
+    table->forEach(f);
   } else if (r->singleBoolId != kNoBool) {
     f(r->singleBoolId, r->singleBoolValue);
   }

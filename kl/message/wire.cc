@@ -517,12 +517,17 @@ void message::flatten(std::vector<unsigned char>& out) const {
 }
 
 bool message::unflatten(const unsigned char* data, unsigned int len, flatten_type mode) {
-  unique();
+  if (is_nil() && len > kLargeDecodeFrom) {
+    rep_ = Rep::create(true);
+  } else {
+    unique();
+  }
   if (len == 0) return true;
   Bytes* side = nullptr;
   if (mode == flatten_keep_passthrough) {
-    if (!rep_->flatSide) rep_->flatSide.reset(new Bytes());
-    side = rep_->flatSide.get();
+    std::unique_ptr<Bytes>& kept = rep_->extrasRef().flatSide;
+    if (!kept) kept.reset(new Bytes());
+    side = kept.get();
     side->resize(len);
   }
   Cursor c{data, data + len};
@@ -536,8 +541,8 @@ bool message::unflatten(const unsigned char* data, unsigned int len, flatten_typ
   const bool ok = decodeRecords(rep_, c, side != nullptr ? &sideWriter : nullptr);
   if (side != nullptr) {
     side->resize(sideWriter.used);
-  } else {
-    rep_->flatSide.reset();
+  } else if (rep_->extras) {
+    rep_->extras->flatSide.reset();
   }
   return ok;
 }

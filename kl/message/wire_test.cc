@@ -228,6 +228,8 @@ TEST(Wire, HundredThousandFieldsDecodeCompareAndMerge) {
   EXPECT_TRUE(decoded == m);
 }
 
+// Decoding into a message that holds fields keeps them, however long the input (a long
+// one would start a fresh message in a large block).
 TEST(Wire, DecodedScalarsOverwriteAndArraysReplace) {
   message m;
   m.insert_u32_array(0x88000001, {1, 2, 3});
@@ -235,11 +237,12 @@ TEST(Wire, DecodedScalarsOverwriteAndArraysReplace) {
   m.insert_u32(3, 3);
   message src;
   src.insert_u32_array(0x88000001, {9});
-  src.insert_string(2, "new");
+  const std::string text = "a new value, long enough for more than 32 bytes of input";
+  src.insert_string(2, text);
   const Bytes bytes = flat(src);
   ASSERT_TRUE(m.unflatten(bytes.data(), bytes.size(), message::flatten_full));
   EXPECT_EQ(m.get_u32_array(0x88000001), (std::vector<unsigned int>{9}));
-  EXPECT_EQ(m.get_string(2, ""), "new");
+  EXPECT_EQ(m.get_string(2, ""), text);
   EXPECT_EQ(m.get_u32(3, 0), 3u);
   // Overwritten in place: one record each, and the message equals one built directly.
   message expected = src;
