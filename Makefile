@@ -8,6 +8,8 @@
 #   make ppc-test    cross-build for 32-bit big-endian PowerPC, all tests under qemu-ppc
 #   make bench       Release build, all benchmarks
 #   make kill-test   the store's kill figures (a writer SIGKILLed hundreds of times; slow)
+#   make size        the library's footprint on both targets, beside peer libraries
+#   make size-check  the same, failing when it passes the budget in cmake/size-budget
 #   make fuzz        a short run of each fuzz target (FUZZ_SECONDS, default 20)
 #   make install-check  install into a temporary prefix and build a program against it
 #   make format-check   the sources follow .clang-format
@@ -17,10 +19,12 @@ HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev
 BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler libuv1-dev libevent-dev liblmdb-dev libsystemd-dev dbus
 PPC_PACKAGES := cmake ninja-build g++-powerpc-linux-gnu qemu-user googletest
 FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
+SIZE_PACKAGES := cmake ninja-build g++ g++-powerpc-linux-gnu qemu-user libuv1 libevent-core-2.1-7 \
+  libdbus-1-3 libsystemd0 libprotobuf-lite32
 FUZZ_SECONDS ?= 20
 CTEST := ctest --output-on-failure -j2
 
-.PHONY: all demo test asan-test clang-test ppc-test bench kill-test fuzz install-check format-check clean
+.PHONY: all demo test asan-test clang-test ppc-test bench kill-test size size-builds size-check fuzz install-check format-check clean
 
 all: test
 
@@ -64,6 +68,22 @@ bench:
 kill-test: build/build.ninja
 	cmake --build build --target store_kill
 	build/store_kill $(KILLS)
+
+# The library alone, as shipped: host Release and PowerPC MinSizeRel.
+size-builds:
+	@$(ENSURE) $(SIZE_PACKAGES)
+	cmake -S . -B build-size-host -G Ninja -DCMAKE_BUILD_TYPE=Release -DKL_BUILD_TESTS=OFF \
+	  -DKL_BUILD_TOOLS=OFF >/dev/null
+	cmake --build build-size-host --target kl message_heap
+	cmake -S . -B build-size-ppc -G Ninja -DCMAKE_BUILD_TYPE=MinSizeRel -DKL_BUILD_TESTS=OFF \
+	  -DKL_BUILD_TOOLS=OFF -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-powerpc-linux-gnu.cmake >/dev/null
+	cmake --build build-size-ppc --target kl message_heap
+
+size: size-builds
+	@scripts/size-report build-size-host build-size-ppc
+
+size-check: size-builds
+	@scripts/size-report build-size-host build-size-ppc --check cmake/size-budget
 
 fuzz:
 	@$(ENSURE) $(FUZZ_PACKAGES)
