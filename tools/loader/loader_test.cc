@@ -704,9 +704,15 @@ TEST_F(LoaderFlowTest, SigtermEndsTheLoaderWhateverItsChildrenDo) {
   Options options;
   options.services = {{"sh", "-c", "trap '' TERM; while :; do sleep 1; done"}, {"sleep", "100"}};
   startLoader(options);
-  std::ifstream in("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) + "/children");
+  // Both services are started soon after the loader listens (later under an emulator).
   std::vector<pid_t> started;
-  for (pid_t child; in >> child;) started.push_back(child);
+  for (int waited = 0; waited < 500 && started.size() < 2; ++waited) {
+    if (waited > 0) usleep(10000);
+    std::ifstream in("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) +
+                     "/children");
+    started.clear();
+    for (pid_t child; in >> child;) started.push_back(child);
+  }
   ASSERT_EQ(started.size(), 2u);
   usleep(100000);  // the shell sets its trap
   kill(started[1], SIGSTOP);
