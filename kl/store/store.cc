@@ -105,8 +105,8 @@ std::vector<unsigned> Store::ids() const {
 // --- the write lock -----------------------------------------------------------------------
 
 // The store keeps its lock file open and takes the record lock once for nested users, so an
-// operation costs the lock, two stats that check the file still bears its name, and the
-// unlock, without an open and a close per write.
+// operation costs the lock, an fstat that checks the file still has a name, and the unlock,
+// without an open and a close per write.
 Store::Lock::Lock(Store& store) : store_(store) {
   if (store_.lockDepth_++ > 0) return;
   lockStoreFile(store_.path_ + ".lock", &store_.lockFd_);

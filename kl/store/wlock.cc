@@ -21,11 +21,12 @@ bool setLock(int fd, short type) {
 
 void report(const char* text) { fprintf(stderr, "STORE: %s\n", text); }
 
-// Whether fd is the file that bears the name `file` now.
-bool stillNamed(int fd, const std::string& file) {
-  struct stat held, named;
-  return fstat(fd, &held) == 0 && stat(file.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
-         held.st_dev == named.st_dev;
+// Whether fd is still a named file: the lock file is only ever deleted (and perhaps
+// created anew), never renamed, so a held file without links is an orphan. One fstat, where
+// comparing with a stat of the name would cost a path lookup on every write.
+bool stillNamed(int fd) {
+  struct stat held;
+  return fstat(fd, &held) == 0 && held.st_nlink > 0;
 }
 
 }  // namespace
@@ -46,7 +47,7 @@ bool lockStoreFile(const std::string& file, int* fd) {
       report("lock fnctl failed");
       return false;
     }
-    if (stillNamed(*fd, file)) return true;
+    if (stillNamed(*fd)) return true;
     close(*fd);  // releases the lock on the orphaned file
     *fd = -1;
   }
