@@ -514,13 +514,18 @@ class LoaderFlowTest : public LoaderTest {
   }
 
   // A service process registered as `id` that answers every request with an empty reply,
-  // after `pauseUs` (0: as fast as it can).
+  // after `pauseUs` (0: as fast as it can). Returns once the service is registered.
   void startEchoService(unsigned int id, unsigned int pauseUs = 0) {
+    int registeredPipe[2];
+    ASSERT_EQ(pipe(registeredPipe), 0);
     fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
+      close(registeredPipe[0]);
       Process p(socketPath());
       if (p.registerAs(id) != id) _exit(1);
+      if (write(registeredPipe[1], "r", 1) != 1) _exit(1);
+      close(registeredPipe[1]);
       for (message m; p.read(&m, 30000);) {
         unsigned int requestId;
         if (!isRequest(m) || !getRequestID(m, &requestId)) continue;
@@ -534,6 +539,12 @@ class LoaderFlowTest : public LoaderTest {
       _exit(0);
     }
     children_.push_back(child);
+    close(registeredPipe[1]);
+    pollfd ready = {registeredPipe[0], POLLIN, 0};
+    char byte = 0;
+    const bool registered = poll(&ready, 1, 10000) == 1 && read(registeredPipe[0], &byte, 1) == 1;
+    close(registeredPipe[0]);
+    ASSERT_TRUE(registered) << "service " << id << " did not register";
   }
 
   // A process that sends requests to `to` without pause and never reads.
