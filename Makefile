@@ -13,18 +13,20 @@
 #   make fuzz        a short run of each fuzz target (FUZZ_SECONDS, default 20)
 #   make install-check  install into a temporary prefix and build a program against it
 #   make format-check   the sources follow .clang-format
+#   make docs        the API reference (Doxygen) in build/docs/html; warnings are errors
 
 ENSURE := scripts/ensure-packages
 HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev
 BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler libuv1-dev libevent-dev liblmdb-dev libsystemd-dev dbus
 PPC_PACKAGES := cmake ninja-build g++-powerpc-linux-gnu qemu-user googletest
 FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
+DOCS_PACKAGES := cmake ninja-build g++ doxygen graphviz
 SIZE_PACKAGES := cmake ninja-build g++ g++-powerpc-linux-gnu qemu-user libuv1 libevent-core-2.1-7 \
   libdbus-1-3 libsystemd0 libprotobuf-lite32
 FUZZ_SECONDS ?= 20
 CTEST := ctest --output-on-failure -j2
 
-.PHONY: all demo test asan-test clang-test ppc-test bench kill-test size size-builds size-check fuzz install-check format-check clean
+.PHONY: all demo test asan-test clang-test ppc-test bench kill-test size size-builds size-check docs fuzz install-check format-check clean
 
 all: test
 
@@ -94,6 +96,12 @@ fuzz:
 	  echo "== $$f for $(FUZZ_SECONDS)s"; \
 	  $$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 build-fuzz/corpus-$$name fuzz/corpus/$$name || exit 1; \
 	done
+
+docs:
+	@$(ENSURE) $(DOCS_PACKAGES)
+	cmake -S . -B build -G Ninja -DKL_WERROR=ON >/dev/null
+	cmake --build build --target docs
+	@echo "API reference: build/docs/html/index.html"
 
 install-check: build/build.ninja
 	@sh examples/install_check.sh build
