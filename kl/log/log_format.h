@@ -31,6 +31,8 @@ namespace logformat {
 // The log service's socket, under the development root (kl/base/root.h).
 constexpr const char kSocketPath[] = "/kelo/logs/logsocket";
 
+// Bytes before the topics of a registration, before the text of a line, and of a mute
+// notice.
 constexpr unsigned int kRegistrationHeader = 8;
 constexpr unsigned int kLineHeader = 4;
 constexpr unsigned int kNoticeLength = 6;

@@ -31,6 +31,8 @@ struct Source {
   bool registered;                            // registration written on this connection
 };
 
+// The process's connection to the log service: registers sources with their topics, sends
+// their lines and honours mute notices (see the file comment).
 class Logger {
  public:
   // The process-wide Logger, created on the first call and never destroyed.

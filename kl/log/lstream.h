@@ -23,9 +23,10 @@
 
 namespace kl {
 
+// The buffer behind lstream: collects one line and hands it to the Logger when flushed.
 class lstreambuf : public std::streambuf {
  public:
-  static constexpr unsigned int kSize = 256;
+  static constexpr unsigned int kSize = 256;  // bytes of a line sent in one piece
 
   // Topics from a 0-terminated array (the 0 is not a topic; each value is cut to 16 bits).
   explicit lstreambuf(unsigned int* topics);
@@ -67,6 +68,7 @@ class lstreambuf : public std::streambuf {
   std::streambuf* echo_ = nullptr;
 };
 
+// The stream a service writes its log lines to, with its topics (see the file comment).
 class lstream : public std::ostream {
  public:
   // Topics as arguments ending with 0: lstream(3, 7, 0). REQUIRES: the terminating 0.

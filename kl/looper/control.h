@@ -24,6 +24,7 @@ namespace ctrl {
 
 constexpr unsigned int kLoaderId = 1;  // the loader's handler id, first in SYS_TO
 
+// The control codes, values of SYS_CTRL, in the table above.
 constexpr unsigned int kLeaveRequest = 1;
 constexpr unsigned int kLeaveAgree = 2;
 constexpr unsigned int kLeaveRefuse = 3;

@@ -42,11 +42,13 @@ enum class FrameFailure {
   kRawError,    // write() of raw bytes failed with an error other than EINTR and EAGAIN
   kTooLarge,    // a length prefix above the reader's limit (setMaxFrame)
 };
+// The owner's failure callback: its context, what failed, the call's result and errno.
 using FrameFailureFn = void (*)(void* ctx, FrameFailure what, long result, int err);
 
-constexpr unsigned int kFramePrefixBytes = 4;
-constexpr unsigned int kReadBufferBytes = 1024;
+constexpr unsigned int kFramePrefixBytes = 4;    // the length prefix of every frame
+constexpr unsigned int kReadBufferBytes = 1024;  // the reader's fixed buffer
 
+// Assembles and decodes the frames that arrive on a connection (see the file comment).
 class FrameReader {
  public:
   // `fd` is a non-blocking stream socket (or -1 until setFd); the reader does not own it.
@@ -54,6 +56,7 @@ class FrameReader {
   FrameReader(const FrameReader&) = delete;
   FrameReader& operator=(const FrameReader&) = delete;
 
+  // The socket to read from from now on (-1: none).
   void setFd(int fd) { fd_ = fd; }
   // Frames whose length prefix exceeds `bytes` fail with kTooLarge; 0 (the default) means
   // no limit but memory.
@@ -113,14 +116,16 @@ class FrameReader {
   bool largeDone_ = false;  // large_ holds a whole frame already handed out
 };
 
+// Queues the frames that leave on a connection and writes them out (see the file comment).
 class FrameWriter {
  public:
   // One frame waiting to go out: the heap block holding prefix and body, the first byte not
   // yet written and the count from there to the frame's end.
+  // One queued frame: its block, where its unwritten part starts and how long that is.
   struct WriteItem {
-    std::unique_ptr<unsigned char[]> buffer;
-    unsigned char* position;
-    uint32_t remaining;
+    std::unique_ptr<unsigned char[]> buffer;  // the frame, length prefix included
+    unsigned char* position;                  // the first byte not yet written
+    uint32_t remaining;                       // bytes not yet written
   };
 
   // How flush() waits when the socket is full.
@@ -130,10 +135,13 @@ class FrameWriter {
     kTry,    // return; the rest stays queued
   };
 
+  // `fd` is a non-blocking stream socket (or -1 until setFd); the writer does not own it.
+  // Failures go to onFailure(ctx, ...).
   FrameWriter(int fd, void* ctx, FrameFailureFn onFailure);
   FrameWriter(const FrameWriter&) = delete;
   FrameWriter& operator=(const FrameWriter&) = delete;
 
+  // The socket to write to from now on (-1: none).
   void setFd(int fd) { fd_ = fd; }
 
   // Frames `m` and appends it to the queue. Returns the queued byte count after it.
@@ -150,9 +158,9 @@ class FrameWriter {
   // gives up on the connection and answers for what it held.
   std::list<WriteItem> takeQueue();
 
-  uint32_t items() const { return items_; }
-  uint32_t bytes() const { return bytes_; }
-  bool failed() const { return failed_; }
+  uint32_t items() const { return items_; }  // frames queued
+  uint32_t bytes() const { return bytes_; }  // bytes queued and not yet written
+  bool failed() const { return failed_; }    // whether a failure was reported
 
  private:
   void fail(FrameFailure what, long result, int err);

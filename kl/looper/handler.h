@@ -33,6 +33,8 @@ namespace kl {
 // and then start again at 0: 0xFFFFFFFF is never a request id.
 unsigned int takeRequestId(unsigned int* counter);
 
+// An addressable object of a service: answers the standard commands, sends, posts and
+// notifies (see the file comment).
 class Handler {
  public:
   // Called once per posted request, with its reply or an ERROR_TIMEOUT error, and the
@@ -43,12 +45,12 @@ class Handler {
 
   // One pending posted request.
   struct ReplyHandler {
-    unsigned int id;
-    Handler* handler;
-    void* context;
-    ReplyCallback callback;
-    message extra;
-    TimerPtr timer;
+    unsigned int id;         // the request id
+    Handler* handler;        // the posting Handler
+    void* context;           // the callback's first argument
+    ReplyCallback callback;  // called with the reply or the time-out error
+    message extra;           // handed to the callback as given to postMessage
+    TimerPtr timer;          // the time-out timer
     // The time-out timer's target: replyTimeout(id) on the posting Handler.
     void timeout();
     static void onTimer(void* self) { static_cast<ReplyHandler*>(self)->timeout(); }

@@ -30,9 +30,11 @@
 
 namespace kl {
 
+// A service process's connection to the loader, its root Handler and its event loop (see
+// the file comment).
 class Looper : public Handler, public Runner {
  public:
-  using WriteItem = FrameWriter::WriteItem;
+  using WriteItem = FrameWriter::WriteItem;  // a frame queued for the loader
 
   // How the constructor obtains the connection.
   enum ConnectMode {

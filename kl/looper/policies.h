@@ -16,6 +16,7 @@
 
 namespace kl {
 
+// The permission table of one Handler (see the file comment).
 class policies {
  public:
   using entry = std::pair<unsigned int, unsigned int>;  // command, required bits
@@ -44,6 +45,7 @@ class policies {
   // SYS_POLICY (0xFFFFFFFF when absent) holds those bits.
   message get_policies(const message& request) const;
 
+  // The pairs, in order of first insertion.
   const std::vector<entry>& entries() const { return table_; }
 
  private:

@@ -43,9 +43,9 @@ class Dumper : public virtual std::ostream {
   Dumper& operator<<(unsigned int v);        // "0x" and 8 lowercase hex digits
   Dumper& operator<<(unsigned long long v);  // "0x" and 16 lowercase hex digits
 
-  const char* data() const { return buf_; }
-  unsigned int size() const { return used_; }
-  unsigned int capacity() const { return capacity_; }
+  const char* data() const { return buf_; }            // what was written
+  unsigned int size() const { return used_; }          // bytes written
+  unsigned int capacity() const { return capacity_; }  // bytes the buffer holds
   // Whether the buffer is full: nothing more written is kept.
   bool full() const { return used_ == capacity_; }
   // Forgets what was written.

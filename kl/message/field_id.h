@@ -15,10 +15,10 @@
 
 namespace kl {
 
-constexpr uint32_t kArrayBit = 0x80000000u;
-constexpr uint32_t kTypeMask = 0xF8000000u;  // type code and array flag together
-constexpr uint32_t kWireFlagBit = 0x01000000u;
-constexpr uint32_t kPassThroughBit = 0x02000000u;
+constexpr uint32_t kArrayBit = 0x80000000u;        // set in the id of every array field
+constexpr uint32_t kTypeMask = 0xF8000000u;        // type code and array flag together
+constexpr uint32_t kWireFlagBit = 0x01000000u;     // the encoder's short flag, never stored
+constexpr uint32_t kPassThroughBit = 0x02000000u;  // kept undecoded by a pass-through decode
 
 // Type bits of the scalar value types; an array id adds kArrayBit.
 constexpr uint32_t kTypeBool = 0x00000000u;
@@ -36,17 +36,19 @@ constexpr uint32_t withType(uint32_t id, uint32_t typeBits) { return (id & ~kTyp
 // header constants are of this type, so `m.get(SYS_REQID, 0)` reads field 0x08ff0006.
 // Converts back to the full id.
 struct u32_id {
-  uint32_t id;
+  uint32_t id;  // the full id, type bits included
+  // `anyId` with its type bits made u32 (implicit, so that constants convert).
   constexpr u32_id(uint32_t anyId) : id(withType(anyId, kTypeU32)) {}
-  constexpr operator uint32_t() const { return id; }
+  constexpr operator uint32_t() const { return id; }  // the full id
 };
 
 // A field id forced to the u32-array type: (id & 0x07ffffff) | 0x88000000. `SYS_TO` and
 // `SYS_FROM` are of this type.
 struct u32_array_id {
-  uint32_t id;
+  uint32_t id;  // the full id, type bits included
+  // `anyId` with its type bits made u32 array (implicit, so that constants convert).
   constexpr u32_array_id(uint32_t anyId) : id(withType(anyId, kArrayBit | kTypeU32)) {}
-  constexpr operator uint32_t() const { return id; }
+  constexpr operator uint32_t() const { return id; }  // the full id
 };
 
 }  // namespace kl

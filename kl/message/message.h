@@ -38,6 +38,7 @@ namespace kl {
 
 class Dumper;
 
+// A set of typed fields keyed by 32-bit ids, shared copy-on-write (see the file comment).
 class message {
  public:
   class flat_message;

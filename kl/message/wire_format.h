@@ -26,15 +26,17 @@
 namespace kl {
 namespace wire {
 
-constexpr uint16_t kMagic = 0x324D;
-constexpr unsigned int kMagicSize = 2;
-constexpr unsigned int kIdSize = 4;
-constexpr unsigned int kCountSize = 2;
+constexpr uint16_t kMagic = 0x324D;        // "M2" read as a little-endian u16
+constexpr unsigned int kMagicSize = 2;     // bytes of the magic
+constexpr unsigned int kIdSize = 4;        // bytes of a record's id word
+constexpr unsigned int kCountSize = 2;     // bytes of an array's element count
 constexpr unsigned int kShortLimit = 255;  // largest u32 value / length in short form
 // Mask that takes the stored id out of a record's id word (clears the flag bit).
 constexpr uint32_t kStoredIdMask = 0xFEFFFFFFu;
 
+// The older format: the bytes before an item's value (type, key, length), and its types.
 constexpr unsigned int kOldItemHeaderSize = 9;
+// The type byte of an older-format item.
 enum OldType : unsigned char {
   kOldBool = 1,
   kOldU32 = 2,

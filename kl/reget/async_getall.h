@@ -44,9 +44,9 @@ class AsyncGetall {
   // Ends the job: cancels its outstanding request, takes it off the list and frees it.
   void done();
 
-  const message& request() const { return request_; }
-  unsigned int number() const { return number_; }
-  unsigned int requestId() const { return requestId_; }
+  const message& request() const { return request_; }    // the request template
+  unsigned int number() const { return number_; }        // the job's number
+  unsigned int requestId() const { return requestId_; }  // the outstanding request, or -1
 
   // The live jobs in order of creation (ascending numbers until the numbers wrap).
   static std::list<AsyncGetall*> instances;

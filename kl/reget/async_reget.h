@@ -24,6 +24,8 @@
 
 namespace kl {
 
+// A fetch of another handler's object list that does not block the loop (see the file
+// comment).
 class AsyncReget {
  public:
   // Called with each object, in the order of the reply. May call stop() (no further
@@ -62,7 +64,7 @@ class AsyncReget {
   // called (except from inside the object callback, see ObjectCallback).
   void stop();
 
-  bool running() const { return running_; }
+  bool running() const { return running_; }  // whether a fetch is under way
   // The id of the outstanding request, 0xFFFFFFFF when none.
   unsigned int requestId() const { return requestId_; }
   // The request as it will be sent next.

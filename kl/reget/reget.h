@@ -57,17 +57,17 @@ class Reget {
   // REQUIRES: isEmpty() returned false since the last pop().
   message pop();
 
-  unsigned int filter() const { return filter_; }
-  const message& base() const { return base_; }
-  unsigned int timeout() const { return timeout_; }
+  unsigned int filter() const { return filter_; }    // the filter value
+  const message& base() const { return base_; }      // the request template
+  unsigned int timeout() const { return timeout_; }  // as set; 0 stands for 6000
 
  protected:
-  unsigned int filter_ = 0;
-  message base_;
-  unsigned int timeout_ = 0;
-  message current_;
-  bool empty_ = false;
-  bool haveObject_ = false;
+  unsigned int filter_ = 0;   // the filter value
+  message base_;              // the request template
+  unsigned int timeout_ = 0;  // per chunk, in ticks; 0 stands for 6000
+  message current_;           // the object load() fetched
+  bool empty_ = false;        // the iteration is exhausted
+  bool haveObject_ = false;   // current_ waits to be popped
 };
 
 // A Reget that fetches chunk by chunk with blocking exchanges on the process's Looper.

@@ -78,6 +78,7 @@ extern BacktraceInfo* backtraceInfoHead;
 // REQUIRES: label and *msg outlive the record.
 class MessageBacktraceInfo : public BacktraceInfo {
  public:
+  // Pushes the record for `msg`, shown under `label`.
   MessageBacktraceInfo(const char* label, const message* msg) : label_(label), msg_(msg) {}
   void dump(Dumper& out) override;
 

@@ -19,6 +19,7 @@
 
 namespace kl {
 
+// The process's event loop with signal dispositions and callbacks (see the file comment).
 class Runner : public ThinRunner {
  public:
   // The disposition of a signal.
@@ -28,9 +29,10 @@ class Runner : public ThinRunner {
     SIGACT_RESTORE = 2,  // the action in force before the runner first changed the signal
     SIGACT_HANDLE = 3,   // delivered through the self-pipe to the signal's callback
   };
+  // Called from the loop with the context given to setSignal and the signal number.
   using SignalCallback = void (*)(void* ctx, int sig);
 
-  static constexpr int kMaxSignal = 64;
+  static constexpr int kMaxSignal = 64;  // the highest signal number the runner handles
 
   Runner();
   // Unpublishes the runner. Dispositions are restored and the pipe closed only by shutdown().

@@ -36,11 +36,11 @@ namespace kl {
 class TimerPtr {
  public:
   TimerPtr() = default;
-  explicit TimerPtr(TimerInfo* info) : info_(info) {}
-  TimerInfo* get() const { return info_; }
-  explicit operator bool() const { return info_ != nullptr; }
-  bool operator==(const TimerPtr& o) const { return info_ == o.info_; }
-  bool operator!=(const TimerPtr& o) const { return info_ != o.info_; }
+  explicit TimerPtr(TimerInfo* info) : info_(info) {}                    // the handle of `info`
+  TimerInfo* get() const { return info_; }                               // the timer, or null
+  explicit operator bool() const { return info_ != nullptr; }            // whether non-null
+  bool operator==(const TimerPtr& o) const { return info_ == o.info_; }  // the same timer
+  bool operator!=(const TimerPtr& o) const { return info_ != o.info_; }  // other timers
 
  private:
   TimerInfo* info_ = nullptr;
@@ -52,18 +52,20 @@ constexpr unsigned int kMaxTimeout = 4294607296u;
 // on the error stream when it is larger.
 unsigned int limitMaxTimeout(unsigned int timeout);
 
+// The event loop's core: timers, descriptors and before-sleep hooks (see the file comment).
 class ThinRunner {
  public:
-  using TimerInfo = kl::TimerInfo;
+  using TimerInfo = kl::TimerInfo;  // an armed timer
+  // Called with the context, the descriptor and the poll events that became ready.
   using SocketCallback = void (*)(void* ctx, int fd, unsigned int revents);
-  using Callback = void (*)(void* ctx);
+  using Callback = void (*)(void* ctx);  // a timer's or hook's callback
 
   // One registered descriptor.
   struct SockInfo {
-    int fd;
-    void* ctx;
-    SocketCallback cb;
-    uint32_t index;  // slot in the poll and socket vectors
+    int fd;             // the descriptor
+    void* ctx;          // the callback's context
+    SocketCallback cb;  // called when it is ready
+    uint32_t index;     // slot in the poll and socket vectors
   };
 
   ThinRunner();

@@ -19,7 +19,7 @@ namespace kl {
 
 // One armed timer, taken from and given back to the TimerPool of the runner that holds it.
 struct TimerInfo {
-  static constexpr uint32_t kNotInHeap = 0xFFFFFFFFu;
+  static constexpr uint32_t kNotInHeap = 0xFFFFFFFFu;  // the index of a timer in no heap
 
   void* ctx;              // passed to fn
   void (*fn)(void* ctx);  // null: cancelled while waiting outside the heap
@@ -41,7 +41,7 @@ inline bool tickReached(uint32_t expiry, uint32_t now) {
 // are freed only with the pool. Not thread-safe.
 class TimerPool {
  public:
-  static constexpr uint32_t kBlock = 64;
+  static constexpr uint32_t kBlock = 64;  // records allocated together
 
   TimerPool() = default;
   TimerPool(const TimerPool&) = delete;
@@ -77,6 +77,8 @@ class TimerPool {
   uint32_t fresh_ = kBlock;    // records of blocks_ handed out so far
 };
 
+// The armed timers of a runner, a binary heap ordered by expiry relative to a reference
+// time (see the file comment).
 class TimerHeap {
  public:
   // Sets the reference time to `now` and inserts t. REQUIRES: t is not in the heap.
@@ -85,8 +87,8 @@ class TimerHeap {
   // REQUIRES: t is in this heap.
   void removeTimer(TimerInfo* t);
 
-  bool empty() const { return heap_.empty(); }
-  uint32_t size() const { return static_cast<uint32_t>(heap_.size()); }
+  bool empty() const { return heap_.empty(); }                           // no timer armed
+  uint32_t size() const { return static_cast<uint32_t>(heap_.size()); }  // timers armed
   // The earliest timer. REQUIRES: !empty().
   TimerInfo* top() const { return heap_.front(); }
   TimerInfo* at(uint32_t slot) const { return heap_[slot]; }

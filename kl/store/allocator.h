@@ -16,12 +16,14 @@
 
 namespace kl {
 
+// Hands out unused ids from a range and takes them back (see the file comment).
 class Allocator {
  public:
+  // A run of free ids, in a list in ascending order.
   struct FreeRange {
-    FreeRange* next;
-    unsigned first;  // lowest free id
-    unsigned last;   // highest free id (inclusive)
+    FreeRange* next;  // the next run above, or null
+    unsigned first;   // lowest free id
+    unsigned last;    // highest free id (inclusive)
   };
 
   // The ids [first, last]. Aborts when first > last or the range covers all 2^32 ids.

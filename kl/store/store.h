@@ -49,6 +49,7 @@
 
 namespace kl {
 
+// Messages kept on flash by id, with crash-safe writes (see the file comment).
 class Store {
  public:
   // The in-memory description of one extent of the data file.
@@ -56,7 +57,7 @@ class Store {
     unsigned offset;  // byte offset in the data file
     unsigned length;  // extent length, record header included
     unsigned slot;    // index slot that describes it
-    unsigned age;
+    unsigned age;     // the message's age counter
   };
 
   // Opens the store at `path` (files path.idx, path.dat, path.lock), creating missing parent

@@ -25,14 +25,15 @@
 namespace kl {
 namespace storefmt {
 
-constexpr uint32_t kFreeId = 0xFFFFFFFFu;
-constexpr unsigned kSlotSize = 12;
-constexpr unsigned kRecordHeaderSize = 2;
+constexpr uint32_t kFreeId = 0xFFFFFFFFu;  // the id of a free slot
+constexpr unsigned kSlotSize = 12;         // bytes of an index slot
+constexpr unsigned kRecordHeaderSize = 2;  // bytes of a record's length field
 
+// An index slot, decoded.
 struct Slot {
-  uint32_t id;
-  uint32_t length;
-  uint32_t age;
+  uint32_t id;      // the message id, or kFreeId
+  uint32_t length;  // the extent's length, record header included
+  uint32_t age;     // the age counter
 };
 
 // Decodes a slot; `swapped` reads the big-endian form.
@@ -41,6 +42,7 @@ inline Slot loadSlot(const unsigned char* p, bool swapped) {
   return Slot{loadLe32(p), loadLe32(p + 4), loadLe32(p + 8)};
 }
 
+// Encodes a slot (always little-endian).
 inline void storeSlot(unsigned char* p, const Slot& s) {
   storeLe32(p, s.id);
   storeLe32(p + 4, s.length);

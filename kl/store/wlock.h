@@ -13,8 +13,10 @@
 
 namespace kl {
 
+// A scoped write lock on <path>.lock (see the file comment).
 class Wlock {
  public:
+  // Waits until the lock on path + ".lock" is granted.
   explicit Wlock(const std::string& path);
   ~Wlock();
   Wlock(const Wlock&) = delete;

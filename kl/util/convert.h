@@ -56,6 +56,7 @@ std::string u2hex(unsigned v, int width);
 // Two hex characters per byte, high nibble first, no separators.
 std::string bin2hex(const unsigned char* data, int len, bool upper);
 
+// The decimal form of `v`.
 std::string u2str(unsigned v);
 std::string i2str(int v);
 std::string ull2str(unsigned long long v);
