@@ -12,6 +12,9 @@
 #   make size-check  the same, failing when it passes the budget in cmake/size-budget
 #   make fuzz        a short run of each fuzz target (FUZZ_SECONDS, default 20)
 #   make install-check  install into a temporary prefix and build a program against it
+#   make packages    Debian packages libkl0, libkl-dev, kl-tools for amd64 (build-pkg) and
+#                    powerpc (build-pkg-ppc)
+#   make package-check  install the amd64 packages, build a program against them, remove them
 #   make format-check   the sources follow .clang-format
 #   make docs        the API reference (Doxygen) in build/docs/html; warnings are errors
 
@@ -26,7 +29,7 @@ SIZE_PACKAGES := cmake ninja-build g++ g++-powerpc-linux-gnu qemu-user libuv1 li
 FUZZ_SECONDS ?= 20
 CTEST := ctest --output-on-failure -j2
 
-.PHONY: all demo test asan-test clang-test ppc-test bench kill-test size size-builds size-check docs fuzz install-check format-check clean
+.PHONY: all demo test asan-test clang-test ppc-test bench kill-test size size-builds size-check docs packages package-check fuzz install-check format-check clean
 
 all: test
 
@@ -105,6 +108,21 @@ docs:
 
 install-check: build/build.ninja
 	@sh examples/install_check.sh build
+
+# Release builds of the library and tools, packaged with CPack's DEB generator.
+packages:
+	@$(ENSURE) $(PPC_PACKAGES) $(HOST_PACKAGES) dpkg-dev
+	cmake -S . -B build-pkg -G Ninja -DCMAKE_BUILD_TYPE=Release -DKL_BUILD_TESTS=OFF >/dev/null
+	cmake --build build-pkg
+	cd build-pkg && cpack
+	cmake -S . -B build-pkg-ppc -G Ninja -DCMAKE_BUILD_TYPE=Release -DKL_BUILD_TESTS=OFF \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-powerpc-linux-gnu.cmake >/dev/null
+	cmake --build build-pkg-ppc
+	cd build-pkg-ppc && cpack
+	@ls build-pkg/*.deb build-pkg-ppc/*.deb
+
+package-check: packages
+	@sh examples/install_check.sh build-pkg --packages build-pkg
 
 format-check:
 	@$(ENSURE) clang-format
