@@ -12,6 +12,7 @@
 #include <cstring>
 #include <limits>
 
+#include "kl/base/root.h"
 #include "kl/runner/fault_guard.h"
 #include "kl/store/store_format.h"
 #include "kl/store/wlock.h"
@@ -74,7 +75,10 @@ void closeIfOpen(int& fd) {
 
 }  // namespace
 
-Store::Store(const std::string& path, unsigned defaultAge) : path_(path), defaultAge_(defaultAge) {
+// An absolute path is a device path: under the development root, like every other one.
+Store::Store(const std::string& path, unsigned defaultAge)
+    : path_(!path.empty() && path[0] == '/' ? rootedPath(path.c_str()) : path),
+      defaultAge_(defaultAge) {
   for (size_t k = path_.find('/', 1); k != std::string::npos; k = path_.find('/', k + 1)) {
     mkdir(path_.substr(0, k).c_str(), 0700);
   }

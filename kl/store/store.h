@@ -61,7 +61,9 @@ class Store {
   };
 
   // Opens the store at `path` (files path.idx, path.dat, path.lock), creating missing parent
-  // directories (0700). New ids get the age `defaultAge`.
+  // directories (0700). An absolute path is a device path, joined onto the development
+  // root (kl/base/root.h) like the library's own; a relative one is used as it is. New ids
+  // get the age `defaultAge`.
   Store(const std::string& path, unsigned defaultAge);
   // Closes both files and removes pending timers (no final fsync beyond a pending flush).
   ~Store();

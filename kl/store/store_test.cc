@@ -90,6 +90,50 @@ TEST_F(StoreTest, FirstRunCreatesDirectoriesAndEmptyFiles) {
   EXPECT_TRUE(s.get(1).empty());
 }
 
+// A device path given to the store lands under the development root, and its lock too:
+// nothing is written outside it. The root is read once per process, and this one has read
+// it already, so the store runs in a fresh run of this program
+// (StoreInAFreshProcess.WritesADevicePath).
+TEST_F(StoreTest, DevicePathsLandUnderTheDevelopmentRoot) {
+  const std::string top = "/var/pdb/kl-store-test-" + std::to_string(getpid());
+  const std::string device = top + "/objects";
+  fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    setenv("KL_ROOT", root_.c_str(), 1);
+    setenv("KL_STORE_DEVICE_PATH", device.c_str(), 1);
+    const int null = ::open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    execl("/proc/self/exe", "kl_store_test",
+          "--gtest_filter=StoreInAFreshProcess.WritesADevicePath", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 127) {
+    GTEST_SKIP() << "this program cannot run itself again here (an emulator without binfmt)";
+  }
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  struct stat st;
+  for (const char* suffix : {".idx", ".dat", ".lock"}) {
+    EXPECT_EQ(stat((root_ + device + suffix).c_str(), &st), 0) << suffix;
+  }
+  EXPECT_NE(stat(top.c_str(), &st), 0) << top << " was written outside the root";
+}
+
+// Run only by DevicePathsLandUnderTheDevelopmentRoot, with KL_ROOT set from the start.
+TEST(StoreInAFreshProcess, WritesADevicePath) {
+  const char* device = getenv("KL_STORE_DEVICE_PATH");
+  if (device == nullptr) GTEST_SKIP() << "run by StoreTest.DevicePathsLandUnderTheDevelopmentRoot";
+  {
+    Store s(device, 10);
+    s.set(7, sized(7, 30));
+    s.doFlush();
+    Wlock lock(device);
+  }
+  EXPECT_TRUE(Store(device, 10).get(7) == sized(7, 30));
+}
+
 TEST_F(StoreTest, GoldenBytesOfOneRecord) {
   std::string err;
   {

@@ -6,6 +6,8 @@
 
 #include <cstdio>
 
+#include "kl/base/root.h"
+
 namespace kl {
 
 namespace {
@@ -59,7 +61,10 @@ bool unlockStoreFile(int fd) {
   return false;
 }
 
-Wlock::Wlock(const std::string& path) : fd_(-1) { lockStoreFile(path + ".lock", &fd_); }
+Wlock::Wlock(const std::string& path) : fd_(-1) {
+  const std::string lockFile = path + ".lock";
+  lockStoreFile(!path.empty() && path[0] == '/' ? rootedPath(lockFile.c_str()) : lockFile, &fd_);
+}
 
 Wlock::~Wlock() {
   if (fd_ < 0) return;

@@ -16,7 +16,8 @@ namespace kl {
 // A scoped write lock on <path>.lock (see the file comment).
 class Wlock {
  public:
-  // Waits until the lock on path + ".lock" is granted.
+  // Waits until the lock on path + ".lock" is granted; an absolute path is joined onto the
+  // development root, as the store's is.
   explicit Wlock(const std::string& path);
   ~Wlock();
   Wlock(const Wlock&) = delete;
