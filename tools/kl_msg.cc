@@ -123,8 +123,11 @@ int decodeCommand(int argc, char** argv) {
     return fail(std::string("cannot read ") + (path ? path : "standard input") + ": " +
                 strerror(errno));
   }
+  if (input.empty()) {
+    return fail(std::string("no message: ") + (path ? path : "standard input") + " is empty");
+  }
   Bytes bytes = input;
-  if (form == kHex || (form == kAuto && !input.empty() && isHexText(input))) {
+  if (form == kHex || (form == kAuto && isHexText(input))) {
     if (!parseHex(std::string(input.begin(), input.end()), &bytes)) {
       return fail("input is not hex text");
     }
