@@ -19,7 +19,7 @@ trap cleanup EXIT
 # Waits up to 5 s for a line matching $1 in the loader's log.
 await() {
   i=0
-  while ! grep -q "$1" "$log"; do
+  while ! grep -q "$1" "$log" 2>/dev/null; do
     i=$((i + 1))
     [ $i -gt 100 ] && { echo "demo: no '$1' in the loader's output" >&2; cat "$log" >&2; exit 1; }
     sleep 0.05

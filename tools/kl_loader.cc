@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "kl/base/root.h"
 #include "tools/loader/loader.h"
 
 namespace {
@@ -95,6 +96,8 @@ int main(int argc, char** argv) {
   }
   kl::loader::Loader loader(options);
   if (!loader.start()) return 1;
+  printf("kl-loader: listening on %s\n", kl::rootedPath("/ram/kelosock").c_str());
+  fflush(stdout);
   loader.run();
   return 0;
 }

@@ -89,6 +89,16 @@ bool Loader::start() {
     return false;
   }
   memcpy(addr.sun_path, socketPath_.c_str(), socketPath_.size());
+  // A socket that accepts belongs to a loader that runs: replacing it would leave that one
+  // and its services unreachable. One that refuses was left by a loader that died.
+  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool taken =
+      probe >= 0 && connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  if (probe >= 0) close(probe);
+  if (taken) {
+    fprintf(stderr, "kl-loader: another kl-loader listens on %s\n", socketPath_.c_str());
+    return false;
+  }
   listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   unlink(socketPath_.c_str());
   if (listenFd_ < 0 || bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||

@@ -79,7 +79,8 @@ class Loader {
   ~Loader();
 
   // Creates the listening socket and starts the services. False (with a line on the error
-  // stream) when the socket cannot be set up.
+  // stream) when the socket cannot be set up, or when another loader accepts on it; a
+  // socket file that refuses connections (left by a loader that died) is replaced.
   bool start();
   // Runs until SIGINT or SIGTERM; then ends the started services.
   void run();

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -446,6 +447,47 @@ TEST_F(LoaderTest, GetAllOnTheLoaderListsTheProcesses) {
   EXPECT_EQ(message(list[0]).get(STD_ID, 0), 20u);
   EXPECT_EQ(message(list[1]).get(STD_ID, 0), 0x10005u);
   EXPECT_EQ(message(list[0]).get_string(kProcState, ""), "registered");
+}
+
+// A second loader on the same root refuses to take the first one's socket, which goes on
+// routing; a socket left by a loader that died is replaced.
+TEST_F(LoaderTest, ASecondLoaderRefusesALiveSocketAndReplacesADeadOne) {
+  startLoader();
+  std::unique_ptr<Process> a = registered(20);
+  auto startAnother = [this](const std::string& errFile) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+      setenv("KL_ROOT", root_.c_str(), 1);
+      const int err = open(path(errFile).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      dup2(err, 2);
+      close(err);
+      Loader second{Options()};
+      _exit(second.start() ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  EXPECT_EQ(startAnother("/second.err"), 1);
+  std::ifstream in(path("/second.err"));
+  std::string line;
+  std::getline(in, line);
+  EXPECT_EQ(line, "kl-loader: another kl-loader listens on " + socketPath());
+  std::unique_ptr<Process> b = registered(21);  // the first loader still routes
+  a->send(request({21, 2}, CMD_GET, 1));
+  message got;
+  ASSERT_TRUE(b->read(&got));
+  EXPECT_EQ(got.get_u32_array(SYS_FROM), (Path{20, kHandler}));
+
+  // The first loader dies without removing its socket: the next one takes the path.
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+  struct stat st;
+  ASSERT_EQ(stat(socketPath().c_str(), &st), 0) << "the dead loader's socket is gone";
+  startLoader();
+  registered(22);
 }
 
 TEST_F(LoaderTest, UnknownLoaderCommandIsNotImplemented) {
