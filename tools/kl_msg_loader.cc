@@ -3,7 +3,9 @@
 #include "tools/kl_msg_loader.h"
 
 #include <signal.h>
-#include <sys/stat.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -47,10 +49,20 @@ bool parsePath(const std::string& text, std::vector<unsigned int>* path) {
   return !path->empty();
 }
 
-// The Looper needs a loader: say so plainly instead of its connect line when none listens.
+// The Looper needs a loader: say so plainly instead of its connect line when none listens
+// (no socket, or one left by a loader that died, which refuses connections).
 bool loaderListening() {
-  struct stat st;
-  return stat(kl::rootedPath("/ram/kelosock").c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+  const std::string path = kl::rootedPath("/ram/kelosock");
+  sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr.sun_path) return true;  // the Looper says what is wrong
+  memcpy(addr.sun_path, path.c_str(), path.size());
+  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool accepted =
+      probe >= 0 && connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  if (probe >= 0) close(probe);
+  return accepted;
 }
 
 kl::Looper* connect() {

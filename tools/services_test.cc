@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -784,6 +785,33 @@ TEST_F(ServicesTest, UndoRecordsReachTheUndoService) {
   EXPECT_EQ(record.get_u32(0x08000005, 0), 0x80u);
   reverse = message(record.get_message(0x28000002, message::flat_message()));
   EXPECT_EQ(reverse.get_string(STD_DESCR, ""), "uplink");
+}
+
+// --- kl-msg without a loader ------------------------------------------------------------------
+
+// A socket left by a loader that died refuses connections: kl-msg says that no loader
+// listens, rather than the library's bare connect line.
+TEST_F(ServicesTest, KlMsgSaysNoLoaderListensOnAStaleSocket) {
+  mkdir(path("/ram").c_str(), 0700);
+  const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, path("/ram/kelosock").c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  close(stale);  // bound, never listening: as a killed loader leaves it
+  int err[2];
+  ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
+  const pid_t msg = launch({KL_MSG_PATH, "list"}, 1, err[1]);
+  close(err[1]);
+  LineReader lines(err[0]);
+  std::string line;
+  ASSERT_TRUE(lines.next(&line, 5000));
+  EXPECT_EQ(line, "kl-msg: no loader listening on " + path("/ram/kelosock"));
+  int status = -1;
+  waitpid(msg, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << "status " << status;
+  close(err[0]);
 }
 
 // --- kl-msg listen
