@@ -171,12 +171,24 @@ int listCommand(int argc, char**) {
 
 namespace {
 
-// The listening process: prints every notification's objects as they arrive.
+// The listening process: prints every notification's objects as they arrive, and says
+// when the process behind the path goes away and when the loader lists it again (then it
+// subscribes again, which a process that kept its subscribers ignores). It asks the
+// loader, not the process, so that it never starts a process that left.
 class Listener : public kl::Looper {
  public:
   Listener() : kl::Looper(kConnect, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0) {}
 
   void handleCmd(const kl::message& m, unsigned int cmd) override {
+    if (cmd == kl::CMD_DISCONNECTED) {
+      const std::vector<unsigned int> gone = m.get_u32_array(kl::SYS_FROM);
+      if (!gone.empty() && gone.front() == path_.front() && !away_) {
+        away_ = true;
+        printf("%s went away\n", pathText_.c_str());
+        fflush(stdout);
+        probeLater();
+      }
+    }
     if (cmd != notifyCmd_) {
       kl::Looper::handleCmd(m, cmd);
       return;
@@ -195,7 +207,37 @@ class Listener : public kl::Looper {
   }
 
   std::vector<unsigned int> path_;
+  std::string pathText_;
   unsigned int notifyCmd_ = kl::CMD_NOTIFY;
+
+ private:
+  // Asks the loader for its processes once a second until the path's process is among
+  // them.
+  void probeLater() { addTimer(this, onProbeTimer, 100); }
+  static void onProbeTimer(void* self) {
+    Listener* listener = static_cast<Listener*>(self);
+    kl::message probe;
+    probe.insert(kl::SYS_TO, {1});
+    probe.insert(kl::SYS_CMD, kl::CMD_GETALL);
+    listener->postMessage(probe, listener, onProbeReply, kl::message(), 100);
+  }
+  static void onProbeReply(void* self, const kl::message& reply, const kl::message&) {
+    Listener* listener = static_cast<Listener*>(self);
+    bool listed = false;
+    for (const kl::message::flat_message& flat : reply.get_message_array(kl::STD_OBJS)) {
+      listed = listed || kl::message(flat).get(kl::STD_ID, 0) == listener->path_.front();
+    }
+    if (!listed) {
+      listener->probeLater();
+      return;
+    }
+    listener->away_ = false;
+    printf("%s is back\n", listener->pathText_.c_str());
+    fflush(stdout);
+    listener->subscribe(listener->path_, listener->notifyCmd_, kl::message());
+  }
+
+  bool away_ = false;
 };
 
 }  // namespace
@@ -207,7 +249,9 @@ int listenCommand(int argc, char** argv) {
     if (i + 1 >= argc) return fail("--cmd needs a command number");
     char* end = nullptr;
     cmd = static_cast<unsigned int>(strtoul(argv[i + 1], &end, 0));
-    if (*argv[i + 1] == '\0' || *end != '\0') return fail("bad --cmd value");
+    if (*argv[i + 1] == '\0' || *end != '\0') {
+      return fail(std::string("bad --cmd value '") + argv[i + 1] + "'");
+    }
     i += 2;
   }
   if (i + 1 != argc) return fail("listen needs one PATH (see --help)");
@@ -216,7 +260,14 @@ int listenCommand(int argc, char** argv) {
   if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
   Listener* listener = new Listener;
   listener->path_ = path;
+  listener->pathText_ = argv[i];
   listener->notifyCmd_ = cmd;
+  // Every handler answers CMD_GETPOLICIES: an error means there is none to listen to.
+  kl::message probe;
+  probe.insert(kl::SYS_TO, path);
+  probe.insert(kl::SYS_CMD, kl::CMD_GETPOLICIES);
+  kl::message reply;
+  if (!exchange(*listener, probe, argv[i], kDefaultTimeoutSeconds, &reply)) return 1;
   listener->addSighandler(SIGINT, listener, Listener::onStop, true);
   listener->addSighandler(SIGTERM, listener, Listener::onStop, true);
   listener->subscribe(path, cmd, kl::message());

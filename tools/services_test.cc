@@ -787,6 +787,41 @@ TEST_F(ServicesTest, UndoRecordsReachTheUndoService) {
   EXPECT_EQ(reverse.get_string(STD_DESCR, ""), "uplink");
 }
 
+// kl-msg listen to a path where nothing answers says so and ends with status 1, instead of
+// listening for ever; a listened-to process that dies is reported.
+TEST_F(ServicesTest, KlMsgListenReportsMissingHandlersAndDepartures) {
+  ASSERT_TRUE(startLoader());
+  const std::string missing[] = {std::to_string(kPublisherId) + "/99", "99"};
+  for (const std::string& target : missing) {
+    int err[2];
+    ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
+    const pid_t msg = launch({KL_MSG_PATH, "listen", target}, 1, err[1]);
+    close(err[1]);
+    LineReader lines(err[0]);
+    std::string line;
+    ASSERT_TRUE(lines.next(&line, 8000)) << target;
+    EXPECT_EQ(line, "kl-msg: " + target + ": std failure: broken path (2)");
+    int status = -1;
+    waitpid(msg, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << target << ": " << status;
+    close(err[0]);
+  }
+  int out[2];
+  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+  const pid_t listener = launch({KL_MSG_PATH, "listen", pathText(kObjects)}, out[1], 2);
+  close(out[1]);
+  LineReader lines(out[0]);
+  std::string line;
+  ASSERT_TRUE(lines.next(&line, 5000));
+  EXPECT_EQ(line, "listening to " + pathText(kObjects));
+  kill(static_cast<pid_t>(publisherPid()), SIGTERM);
+  ASSERT_TRUE(lines.next(&line, 5000));
+  EXPECT_EQ(line, pathText(kObjects) + " went away");
+  kill(listener, SIGKILL);
+  waitpid(listener, nullptr, 0);
+  close(out[0]);
+}
+
 // --- kl-msg without a loader ------------------------------------------------------------------
 
 // A socket left by a loader that died refuses connections: kl-msg says that no loader
