@@ -322,7 +322,16 @@ void crashHandler(int sig, siginfo_t*, void* context) {
   if (!snapshot) {
     signal(sig, SIG_DFL);  // a second fault ends the process
     const int device = open(signalTable.reportPath, O_WRONLY);
-    if (device >= 0) fd = device;
+    if (device >= 0) {
+      // On a workstation the device is a plain file: the last report must not show behind
+      // this one.
+      struct stat st;
+      if (fstat(device, &st) == 0 && S_ISREG(st.st_mode)) {
+        const int ignored = ftruncate(device, 0);  // a failure leaves the old tail, no more
+        (void)ignored;
+      }
+      fd = device;
+    }
   }
   char exe[100];
   const ssize_t exeLen = readlink("/proc/self/exe", exe, sizeof exe);

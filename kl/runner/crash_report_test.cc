@@ -97,6 +97,24 @@ TEST_F(CrashReportTest, FaultWritesEverySectionToTheReportDevice) {
   EXPECT_EQ(output().find("died with signal 11 on "), 0u);
 }
 
+// On a workstation the report device is a plain file: a new report replaces the one before,
+// however long that was, and lists every executable mapping (the program's and the
+// libraries').
+TEST_F(CrashReportTest, ANewReportReplacesTheLastOne) {
+  writeFile("/dev/log244", std::string(20000, 'X'));
+  EXPECT_EQ(crashInChild(nullWrite), 1);
+  const std::string text = report();
+  EXPECT_EQ(text.find('X'), std::string::npos) << "the last report's tail is left";
+  const size_t maps = text.find("\n\nmaps:\n");
+  ASSERT_NE(maps, std::string::npos) << text;
+  size_t lines = 0;
+  for (size_t at = text.find(" r-xp ", maps); at != std::string::npos;
+       at = text.find(" r-xp ", at + 1)) {
+    ++lines;
+  }
+  EXPECT_GE(lines, 2u) << text.substr(maps);
+}
+
 TEST_F(CrashReportTest, WithoutADeviceTheReportGoesToStandardOutput) {
   EXPECT_EQ(crashInChild(nullWrite), 1);
   const std::string text = output();
