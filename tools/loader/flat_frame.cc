@@ -154,6 +154,10 @@ bool parseFlatFrame(const unsigned char* body, uint32_t length, FlatFrame* frame
     if (id == SYS_TYPE) frame->type = value;
     if (id == SYS_POLICY) frame->hasPolicy = true;
     if (id == SYS_REPLYEXP) frame->replyExpected = (word & kWireFlagBit) != 0;
+    if (id == SYS_REQID) {
+      frame->hasRequestId = true;
+      frame->requestId = value;
+    }
   }
   return w.left() == 0;
 }

@@ -25,6 +25,8 @@ struct FlatFrame {
   unsigned int type = 1;  // SYS_TYPE, 1 (request) when absent
   bool hasPolicy = false;
   bool replyExpected = false;
+  bool hasRequestId = false;
+  unsigned int requestId = 0;  // SYS_REQID, when hasRequestId
 };
 
 // Reads `body` for routing. True when it is a well-formed current-format message that the

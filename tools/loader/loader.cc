@@ -530,8 +530,11 @@ void Loader::closeConn(Conn* conn, const std::string& why) {
   orphans.swap(conn->orphans);
   queuedTotal_ -= conn->writer.bytes();
   if (registered) byId_.erase(id);
+  PendingRequests pending;
+  pending.swap(conn->pending);
   conns_.erase(conn->fd);  // `conn` is gone from here on
-  answerOrphans(orphans);
+  answerOrphans(orphans, &pending);
+  answerPending(pending);
   if (!registered) return;
   auto departed = departed_.find(id);
   // A process that agreed to leave will be back: nobody forgets it.
@@ -552,7 +555,7 @@ void Loader::closeConn(Conn* conn, const std::string& why) {
 // The requests among the frames that were queued for a connection that was cut off get an
 // ERROR_BRKPATH reply, as if the path had broken before them; then their memory goes back
 // to the system.
-void Loader::answerOrphans(std::list<FrameWriter::WriteItem>& orphans) {
+void Loader::answerOrphans(std::list<FrameWriter::WriteItem>& orphans, PendingRequests* pending) {
   size_t bytes = 0;
   for (FrameWriter::WriteItem& item : orphans) {
     bytes += item.remaining;
@@ -564,6 +567,8 @@ void Loader::answerOrphans(std::list<FrameWriter::WriteItem>& orphans) {
       continue;
     }
     const std::vector<unsigned int> from = m.get_u32_array(SYS_FROM);
+    unsigned int requestId;
+    if (getRequestID(m, &requestId)) pending->erase(std::make_pair(from, requestId));
     Conn* sender = from.empty() ? nullptr : byId(from.front());
     if (sender == nullptr) continue;
     popPathFront(m, SYS_FROM);
@@ -574,6 +579,31 @@ void Loader::answerOrphans(std::list<FrameWriter::WriteItem>& orphans) {
 #if defined(__GLIBC__)
   if (bytes > (1u << 20)) malloc_trim(0);
 #endif
+}
+
+void Loader::notePending(Conn& to, const std::vector<unsigned int>& replyPath,
+                         unsigned int requestId) {
+  if (to.pending.size() < kMaxPendingRequests) to.pending.emplace(replyPath, requestId);
+}
+
+void Loader::noteAnswered(Conn& from, const std::vector<unsigned int>& replyPath,
+                          unsigned int requestId) {
+  if (!from.pending.empty()) from.pending.erase(std::make_pair(replyPath, requestId));
+}
+
+// A process that goes away with requests unanswered (it crashed, or left without answering)
+// answers each with ERROR_BRKPATH through the loader, as a path that broke would.
+void Loader::answerPending(const PendingRequests& pending) {
+  for (const auto& entry : pending) {
+    const std::vector<unsigned int>& replyPath = entry.first;
+    Conn* sender = replyPath.empty() ? nullptr : byId(replyPath.front());
+    if (sender == nullptr) continue;
+    message request;
+    request.insert(SYS_FROM, std::vector<unsigned int>(replyPath.begin() + 1, replyPath.end()));
+    setRequestID(request, entry.second);
+    message error = errorMsg(ERROR_BRKPATH, "");
+    reply(*sender, request, error);
+  }
 }
 
 void Loader::announceDeparture(unsigned int id) {

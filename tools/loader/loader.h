@@ -35,6 +35,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,8 @@ constexpr uint32_t kWaitQueuedBytes = 256u << 10;
 constexpr uint32_t kStallTicks = 100;
 // How long SIGTERM and SIGINT give started services to end before SIGKILL.
 constexpr unsigned int kStopGraceMs = 1500;
+// Unanswered requests remembered per process, to be answered if it goes away.
+constexpr size_t kMaxPendingRequests = 4096;
 
 struct Options {
   bool trace = false;
@@ -86,6 +89,8 @@ class Loader {
   void run();
 
   // One connection. Public for the fuzz target, which feeds it bytes (serveInput).
+  using PendingRequests = std::set<std::pair<std::vector<unsigned int>, unsigned int>>;
+
   struct Conn {
     Conn(Loader* owner, int fd);
     Loader* loader;
@@ -113,6 +118,10 @@ class Loader {
     bool stalled = false;
     // What was queued for it when it was cut off, answered when it is closed.
     std::list<FrameWriter::WriteItem> orphans;
+    // The requests delivered to it that expect a reply and have none yet, by the path the
+    // reply goes to (the sender's SYS_FROM) and request id: answered with ERROR_BRKPATH
+    // when it goes away first. At most kMaxPendingRequests are kept.
+    PendingRequests pending;
   };
 
   // Feeds one decoded frame from `conn` (registration, control or routed message).
@@ -147,7 +156,14 @@ class Loader {
   void waitForReceiver(Conn& from, Conn& to);
   void updateWaits();
   void cutOff(Conn& conn, const std::string& why);
-  void answerOrphans(std::list<FrameWriter::WriteItem>& orphans);
+  // `pending` (see Conn::pending) loses the requests answered here.
+  void answerOrphans(std::list<FrameWriter::WriteItem>& orphans, PendingRequests* pending);
+  // Notes a request delivered to `to` that expects a reply to `replyPath`; forgets one
+  // when its reply from `from` passes.
+  void notePending(Conn& to, const std::vector<unsigned int>& replyPath, unsigned int requestId);
+  void noteAnswered(Conn& from, const std::vector<unsigned int>& replyPath, unsigned int requestId);
+  // Answers the requests still pending at a connection that went away.
+  void answerPending(const PendingRequests& pending);
   void stopChildren();
   int sleepLimit(int timeoutMs) const;
   void registerProcess(Conn& conn, const message& m);

@@ -56,6 +56,7 @@ bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, u
     targets.push_back(dest);
   }
   from.askedToLeave = false;
+  if (frame.type == TYPE_REPLY && frame.hasRequestId) noteAnswered(from, frame.to, frame.requestId);
   std::vector<unsigned int> path = frame.from;
   path.insert(path.begin(), from.id);
   for (size_t i = 0; i < groups.size(); ++i) {
@@ -67,12 +68,19 @@ bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, u
     dest.lastActivity = now;
     dest.askedToLeave = false;
     deliverFrame(dest, std::move(out), frameLength);
+    if (frame.type == TYPE_REQUEST && frame.replyExpected && frame.hasRequestId && !dest.dead) {
+      notePending(dest, path, frame.requestId);
+    }
     if (frame.type != TYPE_REPLY && !dest.dead) waitForReceiver(from, dest);
   }
   return true;
 }
 
 void Loader::route(Conn& from, message& m) {
+  unsigned int requestId;
+  if (isReply(m) && getRequestID(m, &requestId)) {
+    noteAnswered(from, m.get_u32_array(SYS_TO), requestId);
+  }
   for (const std::vector<unsigned int>& group : destinations(m.get_u32_array(SYS_TO))) {
     routeOne(from, m, group);
     if (from.dead) return;
@@ -103,6 +111,10 @@ void Loader::routeOne(Conn& from, message m, std::vector<unsigned int> to) {
     dest->lastActivity = getJiffies();
     dest->askedToLeave = false;
     deliver(*dest, m);
+    unsigned int requestId;
+    if (isRequest(m) && isReplyExpected(m) && getRequestID(m, &requestId) && !dest->dead) {
+      notePending(*dest, m.get_u32_array(SYS_FROM), requestId);
+    }
     if (getType(m) != TYPE_REPLY && !dest->dead) waitForReceiver(from, *dest);
     return;
   }
