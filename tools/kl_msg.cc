@@ -51,11 +51,13 @@ const char kUsage[] =
     "FIELD is TYPE:ID=VALUE, with\n"
     "  TYPE   bool, u32, u64, addr6, string, raw or message; TYPE[] for an array,\n"
     "         whose VALUE lists the elements separated by commas\n"
-    "  ID     a field number (decimal or 0x hex; the type bits are added) or a field\n"
-    "         name such as SYS_CMD or STD_DESCR\n"
+    "  ID     a field number (decimal or 0x hex; the type bits are added), a field\n"
+    "         name such as SYS_CMD, STD_DESCR or SYS_NOTIFYCMD, or the form the dump\n"
+    "         prints for an unnamed field: global(3), local(16), std(5), sys(17)\n"
     "  VALUE  bool: true or false; u32, u64: a number; addr6: an IPv6 address;\n"
     "         string: the text; raw, message: hex bytes (a message as flattened)\n"
-    "         u32 values may also be command, error or type names (CMD_GETALL)\n"
+    "         u32 values may also be command, error or type names (CMD_GETALL,\n"
+    "         CMD_SUBSCRIBE, ERROR_BRKPATH, TYPE_REPLY) or BADID\n"
     "\n"
     "example: kl-msg encode 'u32[]:SYS_TO=5' u32:SYS_CMD=CMD_GETALL string:3=ab\n";
 
@@ -160,13 +162,56 @@ bool parseNumber(const std::string& text, unsigned long long* out) {
   return errno == 0 && *end == '\0';
 }
 
-// A field number from a number or a SYS_/STD_ name known to the dump.
+// Names the library defines that its dump does not print (the notification layer's own).
+struct ExtraName {
+  const char* name;
+  uint32_t value;
+};
+const ExtraName kExtraFieldNames[] = {
+    {"SYS_NOTIFYCMD", kl::SYS_NOTIFYCMD & 0xffffff},
+    {"SYS_ORIGIN", kl::SYS_ORIGIN & 0xffffff},
+};
+const ExtraName kExtraValueNames[] = {
+    {"CMD_SHUTDOWN", kl::CMD_SHUTDOWN},
+    {"CMD_SUBSCRIBE", kl::CMD_SUBSCRIBE},
+    {"CMD_UNSUBSCRIBE", kl::CMD_UNSUBSCRIBE},
+    {"CMD_DISCONNECTED", kl::CMD_DISCONNECTED},
+    {"BADID", kl::BADID},
+};
+
+// The number of a field written the way the dump writes one it has no name for:
+// "global(3)", "local(16)", "std(5)", "sys(17)".
+bool parseNamespaceForm(const std::string& text, uint32_t* id) {
+  const ExtraName words[] = {
+      {"global(", 0x000000}, {"local(", 0xfd0000}, {"std(", 0xfe0000}, {"sys(", 0xff0000}};
+  for (const ExtraName& word : words) {
+    const size_t length = strlen(word.name);
+    if (text.compare(0, length, word.name) != 0 || text.back() != ')') continue;
+    unsigned long long n;
+    if (!parseNumber(text.substr(length, text.size() - length - 1), &n) || n > 0xffff) {
+      return false;
+    }
+    *id = word.value | static_cast<uint32_t>(n);
+    return true;
+  }
+  return false;
+}
+
+// A field number from a number, a SYS_/STD_ name of the library, or the dump's form for
+// unnamed fields.
 bool parseFieldId(const std::string& text, uint32_t* id) {
   unsigned long long n;
   if (parseNumber(text, &n) && n <= 0xffffffffull) {
     *id = static_cast<uint32_t>(n);
     return true;
   }
+  for (const ExtraName& extra : kExtraFieldNames) {
+    if (text == extra.name) {
+      *id = extra.value;
+      return true;
+    }
+  }
+  if (parseNamespaceForm(text, id)) return true;
   for (uint32_t ns : {0xff0000u, 0xfe0000u}) {
     for (uint32_t number = ns; number < ns + 0x40; ++number) {
       if (text == kl::fieldIdName(number)) {
@@ -178,12 +223,18 @@ bool parseFieldId(const std::string& text, uint32_t* id) {
   return false;
 }
 
-// A u32 from a number or a TYPE_/STATUS_/CMD_/ERROR_ name known to the dump.
+// A u32 from a number or a TYPE_/STATUS_/CMD_/ERROR_ name of the library.
 bool parseU32(const std::string& text, unsigned int* out) {
   unsigned long long n;
   if (parseNumber(text, &n) && n <= 0xffffffffull) {
     *out = static_cast<unsigned int>(n);
     return true;
+  }
+  for (const ExtraName& extra : kExtraValueNames) {
+    if (text == extra.name) {
+      *out = extra.value;
+      return true;
+    }
   }
   for (unsigned int value = 0xfe0000; value < 0xfe0020; ++value) {
     if (text == kl::fieldValueName(kl::SYS_TYPE, value)) {
