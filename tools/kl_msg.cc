@@ -25,29 +25,44 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-const char kUsage[] =
-    "usage: kl-msg decode [--hex | --raw] [FILE]\n"
-    "       kl-msg encode [--raw] FIELD...\n"
-    "       kl-msg call [--timeout SECS] [--all] PATH FIELD...\n"
-    "       kl-msg list\n"
-    "       kl-msg listen [--cmd CMD] PATH\n"
-    "\n"
-    "decode  reads a flattened message from FILE (or standard input when FILE is\n"
-    "        absent or -) and prints it in the dump form. The input is taken as hex\n"
-    "        text when it holds only hex digits and white space, else as raw bytes;\n"
-    "        --hex and --raw force one reading.\n"
-    "encode  builds a message from FIELDs and writes its encoding to standard\n"
-    "        output as hex text, or as raw bytes with --raw.\n"
-    "call    sends a request built from FIELDs to PATH (handler ids, like 5 or 5/3)\n"
-    "        through the loader on $KL_ROOT/ram/kelosock and prints the reply's dump.\n"
-    "        A time-out (default 5 s), a broken path or an error reply prints one line\n"
-    "        and exits with status 1. With --all (SYS_CMD defaults to CMD_GETALL)\n"
-    "        the request is sent again with each reply's STD_GETALLID until a reply\n"
-    "        has none, and the objects (STD_OBJS) of all replies are printed.\n"
-    "list    prints the loader's processes.\n"
-    "listen  subscribes to PATH and prints the objects of each notification as they\n"
-    "        arrive, until interrupted; then unsubscribes.\n"
-    "\n"
+// The commands, each with its usage line and what it does; `kl-msg CMD --help` prints one,
+// `kl-msg --help` all of them.
+struct CommandHelp {
+  const char* name;
+  const char* usage;
+  const char* text;
+  bool takesFields;
+};
+const CommandHelp kCommands[] = {
+    {"decode", "kl-msg decode [--hex | --raw] [FILE]",
+     "decode  reads a flattened message from FILE (or standard input when FILE is\n"
+     "        absent or -) and prints it in the dump form. The input is taken as hex\n"
+     "        text when it holds only hex digits and white space, else as raw bytes;\n"
+     "        --hex and --raw force one reading. Empty input is an error.\n",
+     false},
+    {"encode", "kl-msg encode [--raw] FIELD...",
+     "encode  builds a message from FIELDs and writes its encoding to standard\n"
+     "        output as hex text, or as raw bytes with --raw.\n",
+     true},
+    {"call", "kl-msg call [--timeout SECS] [--all] PATH FIELD...",
+     "call    sends a request built from FIELDs, which must name the command (SYS_CMD),\n"
+     "        to PATH (handler ids, like 5 or 5/3) through the loader on\n"
+     "        $KL_ROOT/ram/kelosock and prints the reply's dump. A time-out (default\n"
+     "        5 s; SECS may have a fraction, like 0.5), a broken path or an error reply\n"
+     "        prints one line. With --all (SYS_CMD defaults to CMD_GETALL) the request\n"
+     "        is sent again with each reply's STD_GETALLID until a reply has none, and\n"
+     "        the objects (STD_OBJS) of all replies are printed.\n",
+     true},
+    {"list", "kl-msg list", "list    prints the loader's processes.\n", false},
+    {"listen", "kl-msg listen [--cmd CMD] PATH",
+     "listen  subscribes to PATH and prints the objects of each notification as they\n"
+     "        arrive, until interrupted; then unsubscribes. A PATH where no handler\n"
+     "        answers is an error; the process behind PATH going away and coming back\n"
+     "        is reported.\n",
+     false},
+};
+
+const char kFieldHelp[] =
     "FIELD is TYPE:ID=VALUE, with\n"
     "  TYPE   bool, u32, u64, addr6, string, raw or message; TYPE[] for an array,\n"
     "         whose VALUE lists the elements separated by commas\n"
@@ -57,14 +72,34 @@ const char kUsage[] =
     "  VALUE  bool: true or false; u32, u64: a number; addr6: an IPv6 address;\n"
     "         string: the text; raw, message: hex bytes (a message as flattened)\n"
     "         u32 values may also be command, error or type names (CMD_GETALL,\n"
-    "         CMD_SUBSCRIBE, ERROR_BRKPATH, TYPE_REPLY) or BADID\n"
-    "\n"
-    "example: kl-msg encode 'u32[]:SYS_TO=5' u32:SYS_CMD=CMD_GETALL string:3=ab\n";
+    "         CMD_SUBSCRIBE, ERROR_BRKPATH, TYPE_REPLY) or BADID\n";
 
-int fail(const std::string& text) {
-  std::cerr << "kl-msg: " << text << std::endl;
-  return 1;
+const char kExitHelp[] = "Exit status: 0 success, 1 failure, 2 usage error.\n";
+
+// The help of every command (null) or of one.
+void printHelp(FILE* out, const CommandHelp* only) {
+  bool fields = false;
+  const char* lead = "usage: ";
+  for (const CommandHelp& c : kCommands) {
+    if (only != nullptr && only != &c) continue;
+    fprintf(out, "%s%s\n", lead, c.usage);
+    lead = "       ";
+  }
+  fputs("\n", out);
+  for (const CommandHelp& c : kCommands) {
+    if (only != nullptr && only != &c) continue;
+    fputs(c.text, out);
+    fields = fields || c.takesFields;
+  }
+  if (fields) fprintf(out, "\n%s", kFieldHelp);
+  fprintf(out, "\n%s", kExitHelp);
+  if (only == nullptr) {
+    fputs("\nexample: kl-msg encode 'u32[]:SYS_TO=5' u32:SYS_CMD=CMD_GETALL string:3=ab\n", out);
+  }
 }
+
+using klmsg::fail;
+using klmsg::usage;
 
 bool isHexText(const Bytes& input) {
   size_t digits = 0;
@@ -117,7 +152,7 @@ int decodeCommand(int argc, char** argv) {
     } else if (path == nullptr && (argv[i][0] != '-' || strcmp(argv[i], "-") == 0)) {
       path = argv[i];
     } else {
-      return fail(std::string("unexpected argument '") + argv[i] + "' (see --help)");
+      return usage(std::string("unexpected argument '") + argv[i] + "' (see kl-msg decode --help)");
     }
   }
   Bytes input;
@@ -433,10 +468,10 @@ int encodeCommand(int argc, char** argv) {
       continue;
     }
     const std::string error = addField(m, argv[i]);
-    if (!error.empty()) return fail(error);
+    if (!error.empty()) return usage(error);
     ++fields;
   }
-  if (fields == 0) return fail("encode needs at least one FIELD (see --help)");
+  if (fields == 0) return usage("encode needs at least one FIELD (see kl-msg encode --help)");
   Bytes bytes;
   m.flatten(bytes);
   if (raw) {
@@ -451,15 +486,27 @@ int encodeCommand(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
-    fputs(kUsage, argc < 2 ? stderr : stdout);
-    return argc < 2 ? 1 : 0;
+  auto isHelp = [](const char* arg) {
+    return strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0;
+  };
+  if (argc < 2 || isHelp(argv[1])) {
+    printHelp(argc < 2 ? stderr : stdout, nullptr);
+    return argc < 2 ? klmsg::kUsageError : 0;
   }
   const std::string command = argv[1];
+  for (const CommandHelp& c : kCommands) {
+    if (command != c.name) continue;
+    for (int i = 2; i < argc; ++i) {
+      if (isHelp(argv[i])) {
+        printHelp(stdout, &c);
+        return 0;
+      }
+    }
+  }
   if (command == "decode") return decodeCommand(argc - 2, argv + 2);
   if (command == "encode") return encodeCommand(argc - 2, argv + 2);
   if (command == "call") return klmsg::callCommand(argc - 2, argv + 2, addField);
   if (command == "list") return klmsg::listCommand(argc - 2, argv + 2);
   if (command == "listen") return klmsg::listenCommand(argc - 2, argv + 2);
-  return fail("unknown command '" + command + "' (see --help)");
+  return usage("unknown command '" + command + "' (see kl-msg --help)");
 }

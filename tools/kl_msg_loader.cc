@@ -20,14 +20,19 @@
 
 namespace klmsg {
 
-namespace {
-
-constexpr unsigned int kDefaultTimeoutSeconds = 5;
-
 int fail(const std::string& text) {
   std::cerr << "kl-msg: " << text << std::endl;
-  return 1;
+  return kFailed;
 }
+
+int usage(const std::string& text) {
+  std::cerr << "kl-msg: " << text << std::endl;
+  return kUsageError;
+}
+
+namespace {
+
+constexpr unsigned int kDefaultTimeoutTicks = 500;  // 5 s
 
 // "5" or "5/3" -> {5} or {5, 3}.
 bool parsePath(const std::string& text, std::vector<unsigned int>* path) {
@@ -72,13 +77,15 @@ kl::Looper* connect() {
 // Sends `request` and returns its reply; false after printing the line for a time-out or
 // an error reply.
 bool exchange(kl::Looper& looper, kl::message& request, const std::string& pathText,
-              unsigned int seconds, kl::message* reply) {
-  *reply = looper.exchangeMessage(request, static_cast<int>(seconds * 100));
+              unsigned int ticks, kl::message* reply) {
+  *reply = looper.exchangeMessage(request, static_cast<int>(ticks));
   unsigned int code;
   std::string text;
   if (!kl::isError(*reply, &code, &text)) return true;
   if (code == kl::ERROR_TIMEOUT && text.empty()) {
-    fail("no reply from " + pathText + " within " + std::to_string(seconds) + " s");
+    char seconds[32];
+    snprintf(seconds, sizeof seconds, "%g", ticks / 100.0);
+    fail("no reply from " + pathText + " within " + seconds + " s");
   } else {
     fail(pathText + ": " + kl::getErrorDescr(code, text));
   }
@@ -87,13 +94,13 @@ bool exchange(kl::Looper& looper, kl::message& request, const std::string& pathT
 
 // call --all: asks again from each reply's STD_GETALLID and prints every object.
 int callAll(kl::Looper& looper, const kl::message& base, const std::string& pathText,
-            unsigned int seconds) {
+            unsigned int ticks) {
   kl::message request = base;
   if (!request.has(kl::SYS_CMD)) request.insert(kl::SYS_CMD, kl::CMD_GETALL);
   for (;;) {
     kl::message sent = request;
     kl::message reply;
-    if (!exchange(looper, sent, pathText, seconds, &reply)) return 1;
+    if (!exchange(looper, sent, pathText, ticks, &reply)) return 1;
     for (const kl::message::flat_message& flat : reply.get_message_array(kl::STD_OBJS)) {
       kl::message(flat).dump2(std::cout, "", 0);
     }
@@ -110,7 +117,7 @@ int callAll(kl::Looper& looper, const kl::message& base, const std::string& path
 }  // namespace
 
 int callCommand(int argc, char** argv, AddFieldFn addField) {
-  unsigned int seconds = kDefaultTimeoutSeconds;
+  unsigned int ticks = kDefaultTimeoutTicks;
   bool all = false;
   int i = 0;
   for (; i < argc && strncmp(argv[i], "--", 2) == 0; ++i) {
@@ -119,46 +126,51 @@ int callCommand(int argc, char** argv, AddFieldFn addField) {
       continue;
     }
     if (strcmp(argv[i], "--timeout") != 0) break;
-    if (i + 1 >= argc) return fail("--timeout needs a number of seconds");
+    if (i + 1 >= argc) return usage("--timeout needs a number of seconds");
     char* end = nullptr;
-    const unsigned long v = strtoul(argv[i + 1], &end, 10);
-    if (*argv[i + 1] == '\0' || *end != '\0' || v == 0 || v > 40000000) {
-      return fail(std::string("bad --timeout value '") + argv[i + 1] + "'");
+    const double v = strtod(argv[i + 1], &end);
+    // In hundredths of a second, the loop's ticks: 0.01 s at least, 400,000 s at most.
+    if (*argv[i + 1] == '\0' || *end != '\0' || !(v >= 0.01) || v > 400000) {
+      return usage(std::string("bad --timeout value '") + argv[i + 1] + "'");
     }
-    seconds = static_cast<unsigned int>(v);
+    ticks = static_cast<unsigned int>(v * 100 + 0.5);
     ++i;
   }
-  if (i >= argc) return fail("call needs a PATH (see --help)");
+  if (i >= argc) return usage("call needs a PATH (see kl-msg call --help)");
   const std::string pathText = argv[i++];
   std::vector<unsigned int> path;
   if (!parsePath(pathText, &path))
-    return fail("bad path '" + pathText + "', expected like 5 or 5/3");
+    return usage("bad path '" + pathText + "', expected like 5 or 5/3");
   kl::message request;
   for (; i < argc; ++i) {
     const std::string error = addField(request, argv[i]);
-    if (!error.empty()) return fail(error);
+    if (!error.empty()) return usage(error);
+  }
+  // A request without a command would be a silent no-op; --all asks for CMD_GETALL.
+  if (!all && !request.has(kl::SYS_CMD)) {
+    return usage("call needs a command: add a field such as u32:SYS_CMD=CMD_GETOBJ");
   }
   request.insert(kl::SYS_TO, path);
   if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
   kl::Looper* looper = connect();
   kl::message reply;
   if (!all) {
-    if (!exchange(*looper, request, pathText, seconds, &reply)) return 1;
+    if (!exchange(*looper, request, pathText, ticks, &reply)) return 1;
     reply.dump2(std::cout, "", 0);
     return 0;
   }
-  return callAll(*looper, request, pathText, seconds);
+  return callAll(*looper, request, pathText, ticks);
 }
 
 int listCommand(int argc, char**) {
-  if (argc != 0) return fail("list takes no arguments");
+  if (argc != 0) return usage("list takes no arguments");
   if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
   kl::Looper* looper = connect();
   kl::message request;
   request.insert(kl::SYS_TO, {1});
   request.insert(kl::SYS_CMD, kl::CMD_GETALL);
   kl::message reply;
-  if (!exchange(*looper, request, "1", kDefaultTimeoutSeconds, &reply)) return 1;
+  if (!exchange(*looper, request, "1", kDefaultTimeoutTicks, &reply)) return 1;
   printf("%-10s %-11s %-8s %s\n", "ID", "STATE", "PID", "PROGRAM");
   for (const kl::message::flat_message& flat : reply.get_message_array(kl::STD_OBJS)) {
     const kl::message proc(flat);
@@ -246,17 +258,17 @@ int listenCommand(int argc, char** argv) {
   unsigned int cmd = kl::CMD_NOTIFY;
   int i = 0;
   if (i < argc && strcmp(argv[i], "--cmd") == 0) {
-    if (i + 1 >= argc) return fail("--cmd needs a command number");
+    if (i + 1 >= argc) return usage("--cmd needs a command number");
     char* end = nullptr;
     cmd = static_cast<unsigned int>(strtoul(argv[i + 1], &end, 0));
     if (*argv[i + 1] == '\0' || *end != '\0') {
-      return fail(std::string("bad --cmd value '") + argv[i + 1] + "'");
+      return usage(std::string("bad --cmd value '") + argv[i + 1] + "'");
     }
     i += 2;
   }
-  if (i + 1 != argc) return fail("listen needs one PATH (see --help)");
+  if (i + 1 != argc) return usage("listen needs one PATH (see kl-msg listen --help)");
   std::vector<unsigned int> path;
-  if (!parsePath(argv[i], &path)) return fail(std::string("bad path '") + argv[i] + "'");
+  if (!parsePath(argv[i], &path)) return usage(std::string("bad path '") + argv[i] + "'");
   if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
   Listener* listener = new Listener;
   listener->path_ = path;
@@ -267,7 +279,7 @@ int listenCommand(int argc, char** argv) {
   probe.insert(kl::SYS_TO, path);
   probe.insert(kl::SYS_CMD, kl::CMD_GETPOLICIES);
   kl::message reply;
-  if (!exchange(*listener, probe, argv[i], kDefaultTimeoutSeconds, &reply)) return 1;
+  if (!exchange(*listener, probe, argv[i], kDefaultTimeoutTicks, &reply)) return 1;
   listener->addSighandler(SIGINT, listener, Listener::onStop, true);
   listener->addSighandler(SIGTERM, listener, Listener::onStop, true);
   listener->subscribe(path, cmd, kl::message());

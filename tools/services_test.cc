@@ -16,6 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -820,6 +821,28 @@ TEST_F(ServicesTest, KlMsgListenReportsMissingHandlersAndDepartures) {
   kill(listener, SIGKILL);
   waitpid(listener, nullptr, 0);
   close(out[0]);
+}
+
+// kl-msg call --timeout takes fractions of a second: a reply 0.6 s late is given up on after
+// 0.2 s, with a line that says so and status 1 (with a whole second it would have come).
+TEST_F(ServicesTest, KlMsgCallTimeoutTakesFractions) {
+  ASSERT_TRUE(startLoader());
+  service(6);
+  int err[2];
+  ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
+  const pid_t msg =
+      launch({KL_MSG_PATH, "call", "--timeout", "0.2", "6/" + std::to_string(kAgentHandler),
+              "u32:SYS_CMD=CMD_GET", "u32:global(1)=60"},
+             1, err[1]);
+  close(err[1]);
+  LineReader lines(err[0]);
+  std::string line;
+  ASSERT_TRUE(lines.next(&line, 5000));
+  EXPECT_EQ(line, "kl-msg: no reply from 6/" + std::to_string(kAgentHandler) + " within 0.2 s");
+  int status = -1;
+  waitpid(msg, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << "status " << status;
+  close(err[0]);
 }
 
 // --- kl-msg without a loader ------------------------------------------------------------------
