@@ -245,9 +245,8 @@ void Handler::sendNotify(message& m) {
   KL_CHECK(m.has(kl::SYS_CMD));
   const unsigned int count = getObjectCount();
   if (count != 0xFFFFFFFFu) m.insert(STD_OBJ_COUNT, count);
-  // A notification may come addressed already; subscribers are added to its path.
-  bool addressed = m.has(SYS_TO);
-  std::vector<unsigned int> to = m.get_u32_array(SYS_TO);
+  // A notification may come addressed already; subscribers are added to its path. The path
+  // grows in `m` itself, so that shouldNotify sees the destinations chosen so far.
   for (size_t i = 0; i < subscriptions_.size(); ++i) {
     const message& record = subscriptions_[i];
     if (!shouldNotify(record, m)) continue;
@@ -255,20 +254,20 @@ void Handler::sendNotify(message& m) {
     // path before the subscribers behind it.
     const std::vector<unsigned int>& path = pathOf(record);
     if (path.empty()) continue;
-    if (!addressed) {
-      to = path;
-      addressed = true;
+    if (!m.has(SYS_TO)) {
+      m.insert(SYS_TO, path);
       continue;
     }
     // Every further subscriber turns the path into the multi-destination form, group by
     // group: the loader fans one message out instead of the process sending one each.
+    // (Looked up again each time: shouldNotify may have taken a copy of m.)
+    std::vector<unsigned int>& to = m[SYS_TO];
     const bool multi = !to.empty() && to.front() == PATH_MULTI;
     if (to.size() + (multi ? 0 : 2) + 1 + path.size() > kMaxPathElements) {
       // The path is full: this frame goes as it is, and the next one starts with `path`.
       message full = m;
-      full.insert(SYS_TO, to);
       sendMessage(full);
-      to = path;
+      m.insert(SYS_TO, path);
       continue;
     }
     if (!multi) {
@@ -278,8 +277,7 @@ void Handler::sendNotify(message& m) {
     to.push_back(static_cast<unsigned int>(path.size()));
     to.insert(to.end(), path.begin(), path.end());
   }
-  if (!addressed) return;
-  m.insert(SYS_TO, to);
+  if (!m.has(SYS_TO)) return;
   sendMessage(m);
 }
 

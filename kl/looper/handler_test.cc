@@ -580,6 +580,35 @@ TEST_F(HandlerTest, AnAddressedNotificationKeepsItsPathAndGainsTheSubscribers) {
             std::vector<unsigned int>({PATH_MULTI, 2, 7, 8, 2, 0x10000, 7}));
 }
 
+// A handler's shouldNotify sees the notification as addressed so far: no path before the
+// first subscriber that gets it, then the path growing subscriber by subscriber.
+TEST_F(HandlerTest, ShouldNotifySeesThePathBuiltSoFar) {
+  class Watching : public Objects {
+   public:
+    bool shouldNotify(const message& record, const message& n) override {
+      seen_.push_back(n.has(SYS_TO) ? n.get_u32_array(SYS_TO) : std::vector<unsigned int>{0});
+      return Objects::shouldNotify(record, n);
+    }
+    std::vector<std::vector<unsigned int>> seen_;
+  };
+  Watching watching;
+  looper_->removeHandler(5);
+  looper_->addHandler(5, &watching);
+  const std::vector<unsigned int> kPathC = {0x10002, 4};
+  for (const auto& path : {kPathA, kPathB, kPathC}) subscribe(path);
+  message n;
+  n.insert(SYS_CMD, CMD_NOTIFY);
+  watching.sendNotify(n);
+  const std::vector<std::vector<unsigned int>> expected = {
+      {0},  // not addressed yet
+      {0x10000, 7},
+      {PATH_MULTI, 2, 0x10000, 7, 2, 0x10001, 3},
+  };
+  EXPECT_EQ(watching.seen_, expected);
+  looper_->removeHandler(5);
+  looper_->addHandler(5, &objects_);
+}
+
 // A service that stops with requests and changes still pending ends cleanly.
 TEST_F(HandlerTest, HandlersOutliveShutdownWithPendingTimers) {
   {
