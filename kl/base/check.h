@@ -17,8 +17,11 @@ namespace kl {
 
 }  // namespace kl
 
-#define KL_CHECK(expr)           \
-  ((expr) ? static_cast<void>(0) \
-          : ::kl::checkFailed(#expr, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+#define KL_CHECK(expr) KL_CHECK_NAMED(__FILE__, expr)
+
+// KL_CHECK naming the unit `file` in the line instead of the source file's build path: the
+// messaging core's checks name "looper", whatever directory the library was built in.
+#define KL_CHECK_NAMED(file, expr) \
+  ((expr) ? static_cast<void>(0) : ::kl::checkFailed(#expr, file, __LINE__, __PRETTY_FUNCTION__))
 
 #endif  // KL_BASE_CHECK_H_

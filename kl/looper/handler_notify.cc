@@ -211,7 +211,7 @@ void Handler::sendChanges() {
   objs.reserve(changedIds_.size());
   for (const unsigned int id : changedIds_) {
     message obj = getObject(id);
-    KL_CHECK(id == kl::BADID || obj.get(STD_ID, kl::BADID) == id);
+    KL_CHECK_NAMED("looper", id == kl::BADID || obj.get(STD_ID, kl::BADID) == id);
     objs.push_back(obj);
   }
   if (linkedByNextId(objs)) objs = orderByNextId(objs, changedIds_);
@@ -242,7 +242,7 @@ message* Handler::sendNotifies(message* begin, message* end) {
 }
 
 void Handler::sendNotify(message& m) {
-  KL_CHECK(m.has(kl::SYS_CMD));
+  KL_CHECK_NAMED("looper", m.has(kl::SYS_CMD));
   const unsigned int count = getObjectCount();
   if (count != 0xFFFFFFFFu) m.insert(STD_OBJ_COUNT, count);
   // A notification may come addressed already; subscribers are added to its path. The path

@@ -192,7 +192,7 @@ void Looper::onTransportFailure(void*, FrameFailure what, long result, int err) 
               static_cast<unsigned int>(result));
       break;
   }
-  KL_CHECK(false);
+  KL_CHECK_NAMED("looper", false);
 }
 
 unsigned int Looper::readRaw(unsigned char* buffer, unsigned int need, int timeout,
