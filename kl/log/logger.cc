@@ -40,8 +40,9 @@ Logger::~Logger() {
   if (fd_ >= 0) close(fd_);
 }
 
+// The descriptor is forgotten, not closed, and mutes stay: a direct call starts a new
+// connection beside the old one, which the service then sees end.
 void Logger::connectToLog() {
-  if (fd_ >= 0) closeConnection();
   fd_ = -1;
   ThinRunner* runner = getRunner();
   if (runner == nullptr) {
@@ -109,8 +110,7 @@ void Logger::readNotices(int fd) {
     return;
   }
   if (n < 0) {
-    if (errno == EAGAIN || errno == EINTR) return;  // a wake-up with nothing to read
-    // A failed read holds no notice: treated as a bad one.
+    // A failed read, EAGAIN included, holds no notice: treated as a bad one.
     fprintf(stderr, "msg has bad len, dropping\n");
     closeConnection();
     return;
@@ -156,17 +156,18 @@ void Logger::sendRegistration(Source* source) {
 }
 
 void Logger::log(Source* source, const char* text, unsigned int len) {
-  if (source->muted) return;
-  if (!source->registered) {
-    sendRegistration(source);
-    if (!source->registered) {
-      fprintf(stderr, "registeration failed, dropping a line\n");
-      return;
-    }
-  }
   // lstreambuf never hands over more than one record's text; a direct caller's longer text
-  // is cut into records of the same size.
+  // is cut into records of the same size, each sent as a line of its own: the connection
+  // may be made anew between two of them, and the source registers again first.
   do {
+    if (source->muted) return;
+    if (!source->registered) {
+      sendRegistration(source);
+      if (!source->registered) {
+        fprintf(stderr, "registeration failed, dropping a line\n");
+        return;
+      }
+    }
     const unsigned int piece = len < logformat::kMaxText ? len : logformat::kMaxText;
     sendLine(source, text, piece);
     text += piece;

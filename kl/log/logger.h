@@ -46,7 +46,8 @@ class Logger {
   // Closes the socket if it is open (it stays registered with the runner).
   ~Logger();
 
-  // Connects to the log service. Without a runner: "no runner while connecting to log".
+  // Connects to the log service anew; a connection it had is forgotten, not closed, and the
+  // sources keep their mutes. Without a runner: "no runner while connecting to log".
   // On failure the Logger is unconnected (socket() == -1) after "could not connect to log: "
   // + the error. On success the socket is non-blocking, watched by the runner for mute
   // notices, and every source re-registers before its next line.
@@ -67,7 +68,8 @@ class Logger {
   void sendRegistration(Source* source);
   // Sends `len` bytes of `text` as a line of `source`, registering it first on this
   // connection if needed. A muted source's line is dropped silently; a text longer than 256
-  // bytes goes out in 256-byte records.
+  // bytes goes out in 256-byte records, each registering the source again first when the
+  // connection was made anew since.
   void log(Source* source, const char* text, unsigned int len);
   // Sends one record, connecting first if needed. True when writeRaw reports the whole
   // `len` written. `registration` tells a registration from a line; it changes nothing.

@@ -291,6 +291,59 @@ TEST_F(LogTest, BadNoticesCloseTheConnection) {
   }
 }
 
+// A read that fails, even with EAGAIN (a wake-up with nothing to read), holds no notice: it
+// closes the connection as a bad notice does.
+TEST_F(LogTest, AFailedReadIsABadNotice) {
+  startService();
+  inLogChild([this] {
+    lstream one(1, 0);
+    one << "a" << std::endl;
+    received();
+    ::testing::internal::CaptureStderr();
+    Logger::onSocket(Logger::getLogger(), Logger::getLogger()->socket(), POLLIN);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "msg has bad len, dropping\n");
+    EXPECT_EQ(Logger::getLogger()->socket(), -1);
+  });
+}
+
+// connectToLog called directly starts a new connection: the old descriptor is not closed
+// and the sources keep their mutes; they register again on the new connection.
+TEST_F(LogTest, ADirectConnectKeepsMutes) {
+  startService();
+  inLogChild([this] {
+    lstream one(1, 0);
+    one << "a" << std::endl;
+    received();
+    send(words({6, 1, 1}));  // mute source 1
+    deliver();
+    ASSERT_TRUE(one.isMuted());
+    const int old = Logger::getLogger()->socket();
+    Logger::getLogger()->connectToLog();
+    EXPECT_NE(Logger::getLogger()->socket(), -1);
+    EXPECT_NE(Logger::getLogger()->socket(), old);
+    EXPECT_NE(fcntl(old, F_GETFD), -1) << "the old descriptor was closed";
+    EXPECT_TRUE(one.isMuted());
+    EXPECT_FALSE(Logger::getLogger()->sources()[0]->registered);
+  });
+}
+
+// A long line sent directly goes out in pieces; when the connection is made anew between
+// two of them, the source registers again before the next piece.
+TEST_F(LogTest, EachPieceOfALongLineFollowsTheRegistrationRule) {
+  startService();
+  inLogChild([this] {
+    Logger* logger = Logger::getLogger();
+    Source* source = logger->registerSource({1});
+    received();
+    restartService();  // the Logger has not noticed: its first piece fails
+    const std::string text(300, 'x');
+    ::testing::internal::CaptureStderr();
+    logger->log(source, text.data(), static_cast<unsigned int>(text.size()));
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(toHex(received()), toHex(regRecord(1, {1}) + lineRecord(1, std::string(44, 'x'))));
+  });
+}
+
 TEST_F(LogTest, ACallbackForAnotherDescriptorIsAWrongAlarm) {
   startService();
   inLogChild([this] {
