@@ -818,6 +818,10 @@ TEST_F(ServicesTest, KlMsgListenReportsMissingHandlersAndDepartures) {
   kill(static_cast<pid_t>(publisherPid()), SIGTERM);
   ASSERT_TRUE(lines.next(&line, 5000));
   EXPECT_EQ(line, pathText(kObjects) + " went away");
+  // kl-loader's list shows how it ended.
+  EXPECT_TRUE(eventually([&] {
+    return loaderEntry(kPublisherId).get_string(loader::kProcState, "") == "killed by signal 15";
+  }));
   kill(listener, SIGKILL);
   waitpid(listener, nullptr, 0);
   close(out[0]);

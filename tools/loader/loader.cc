@@ -369,8 +369,27 @@ void Loader::reapChildren() {
   int status;
   pid_t pid;
   while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
-    startedPids_.erase(pid);
+    const std::string how = WIFSIGNALED(status)
+                                ? "killed by signal " + std::to_string(WTERMSIG(status))
+                                : "exited " + std::to_string(WEXITSTATUS(status));
+    auto started = startedPids_.find(pid);
+    const std::string program =
+        started != startedPids_.end() && !started->second.empty() ? started->second.front() : "";
+    if (started != startedPids_.end()) startedPids_.erase(started);
+    auto child = childIds_.find(pid);
+    const unsigned int id = child != childIds_.end() ? child->second : 0;
+    if (child != childIds_.end()) childIds_.erase(child);
     if (stopping_) continue;
+    // One that left by agreement comes back; the others are listed with how they ended.
+    if (id == 0 || departed_.count(id) == 0) {
+      ended_.push_back(Ended{id, pid, program, how});
+      if (ended_.size() > kEndedKept) ended_.pop_front();
+    }
+    if (id == 0) {
+      fprintf(stderr, "kl-loader: process %d (%s) %s without registering\n", static_cast<int>(pid),
+              program.c_str(), how.c_str());
+      continue;
+    }
     if (WIFSIGNALED(status) && WTERMSIG(status) != SIGTERM) {
       fprintf(stderr, "kl-loader: process %d died with signal %d\n", static_cast<int>(pid),
               WTERMSIG(status));
@@ -454,7 +473,11 @@ void Loader::registerProcess(Conn& conn, const message& m) {
   conn.registered = true;
   byId_[id] = &conn;
   auto started = startedPids_.find(conn.pid);
-  if (started != startedPids_.end()) conn.command = started->second;
+  if (started != startedPids_.end()) {
+    conn.command = started->second;
+    childIds_[conn.pid] = id;
+  }
+  ended_.remove_if([id](const Ended& e) { return e.id == id; });
 
   message ready;
   ready.insert(SYS_CTRL, ctrl::kReady);

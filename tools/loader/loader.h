@@ -53,7 +53,8 @@ constexpr unsigned int kFirstTransientId = 0x10000;
 constexpr unsigned int kLoaderCmdLeave = 0xfd0001;
 // Fields of the process list (CMD_GETALL on id 1), beside STD_ID and STD_DESCR.
 constexpr uint32_t kProcPid = 0x08000001;
-constexpr uint32_t kProcState = 0x20000002;  // "running", "registered", "left"
+// "running", "registered", "left", or how it ended: "exited N", "killed by signal N"
+constexpr uint32_t kProcState = 0x20000002;
 constexpr uint32_t kProcLeaveValue = 0x08000003;
 // Limits that keep one process from exhausting the loader.
 constexpr uint32_t kMaxFrameBytes = 64u << 20;
@@ -66,6 +67,8 @@ constexpr uint32_t kStallTicks = 100;
 constexpr unsigned int kStopGraceMs = 1500;
 // Unanswered requests remembered per process, to be answered if it goes away.
 constexpr size_t kMaxPendingRequests = 4096;
+// Ended processes the process list keeps showing.
+constexpr size_t kEndedKept = 16;
 
 struct Options {
   bool trace = false;
@@ -214,8 +217,18 @@ class Loader {
     std::vector<message> waiting;
   };
   std::map<unsigned int, Departed> departed_;
-  // Commands of started processes by pid, until they register.
+  // Commands of started processes by pid, until they are reaped.
   std::map<pid_t, std::vector<std::string>> startedPids_;
+  // The ids of started processes that registered, by pid, until they are reaped.
+  std::map<pid_t, unsigned int> childIds_;
+  // How the last started processes ended, newest last, for the process list.
+  struct Ended {
+    unsigned int id;  // 0: it never registered
+    pid_t pid;
+    std::string program;
+    std::string how;  // "exited 0", "killed by signal 9"
+  };
+  std::list<Ended> ended_;
   bool stopping_ = false;
   int64_t queuedTotal_ = 0;  // bytes queued for all connections
 };

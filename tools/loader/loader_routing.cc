@@ -184,6 +184,14 @@ void Loader::loaderCommand(Conn& from, const message& m) {
         proc.insert_string(kProcState, "left");
         list.emplace_back(proc);
       }
+      for (const Ended& ended : ended_) {
+        message proc;
+        proc.insert(STD_ID, ended.id);
+        proc.insert_string(STD_DESCR, ended.program);
+        proc.insert_u32(kProcPid, static_cast<unsigned int>(ended.pid));
+        proc.insert_string(kProcState, ended.how);
+        list.emplace_back(proc);
+      }
       body.insert_message_array(STD_OBJS, list);
       break;
     }

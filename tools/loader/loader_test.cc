@@ -186,6 +186,13 @@ class LoaderTest : public testing::TempRootTest {
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
   }
+  // Whether the loader's error stream has a line with `text`.
+  bool saidSomething(const std::string& text) const {
+    for (const std::string& line : errorLines()) {
+      if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
 
   pid_t pid_ = -1;
 };
@@ -490,6 +497,29 @@ TEST_F(LoaderTest, ASecondLoaderRefusesALiveSocketAndReplacesADeadOne) {
   registered(22);
 }
 
+// A started service that ends before it registers is reported, whatever its status, and
+// the process list shows how it ended.
+TEST_F(LoaderTest, AServiceThatEndsWithoutRegisteringIsReportedAndListed) {
+  Options options;
+  options.services = {{"sh", "-c", "exit 0"}, {"sh", "-c", "exit 3"}};
+  startLoader(options);
+  for (int waited = 0; waited < 300 && !saidSomething("exited 3 without registering"); ++waited) {
+    usleep(10000);
+  }
+  EXPECT_TRUE(saidSomething("(sh) exited 0 without registering"));
+  EXPECT_TRUE(saidSomething("(sh) exited 3 without registering"));
+  std::unique_ptr<Process> a = registered(20);
+  a->send(request({kLoaderId}, CMD_GETALL, 1));
+  message reply;
+  ASSERT_TRUE(a->read(&reply));
+  std::set<std::string> states;
+  for (const message::flat_message& flat : reply.get_message_array(STD_OBJS)) {
+    const message proc(flat);
+    if (proc.get(STD_ID, BADID) == 0) states.insert(proc.get_string(kProcState, ""));
+  }
+  EXPECT_EQ(states, (std::set<std::string>{"exited 0", "exited 3"}));
+}
+
 TEST_F(LoaderTest, UnknownLoaderCommandIsNotImplemented) {
   startLoader();
   std::unique_ptr<Process> a = registered(20);
@@ -600,14 +630,6 @@ class LoaderFlowTest : public LoaderTest {
     }
     children_.push_back(child);
     return child;
-  }
-
-  // Whether the loader's error stream has a line with `text`.
-  bool saidSomething(const std::string& text) const {
-    for (const std::string& line : errorLines()) {
-      if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
   }
 
   std::vector<pid_t> children_;
