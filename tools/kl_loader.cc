@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 #include <string>
 
 #include "kl/base/root.h"
@@ -15,8 +14,10 @@ const char kUsage[] =
     "usage: kl-loader [OPTION]... [SERVICE]...\n"
     "\n"
     "The development loader: listens on $KL_ROOT/ram/kelosock, starts each SERVICE (a\n"
-    "command line, split at blanks) with its loader connection on descriptor 3, and routes\n"
-    "messages between the processes that register. With no SERVICE it only listens.\n"
+    "command line, split into words as a shell would: blanks separate, quotes and\n"
+    "backslashes as in sh, nothing expanded) with its loader connection on descriptor 3,\n"
+    "and routes messages between the processes that register. With no SERVICE it only\n"
+    "listens.\n"
     "\n"
     "  --trace              print every frame routed, with its dump, on standard output\n"
     "  --policy ID=BITS     set SYS_POLICY to BITS on every request from process ID\n"
@@ -39,14 +40,6 @@ bool parseNumber(const char* text, unsigned int* value) {
   }
   *value = static_cast<unsigned int>(v);
   return true;
-}
-
-std::vector<std::string> splitCommand(const std::string& line) {
-  std::vector<std::string> words;
-  std::istringstream in(line);
-  std::string word;
-  while (in >> word) words.push_back(word);
-  return words;
 }
 
 int usageError(const std::string& text) {
@@ -84,14 +77,20 @@ int main(int argc, char** argv) {
         return usageError("bad --policy value '" + value + "', expected ID=BITS");
       }
       options.policies[id] = bits;
-    } else if (arg == "--") {
-      for (++i; i < argc; ++i) options.services.push_back(splitCommand(argv[i]));
-    } else if (!arg.empty() && arg[0] == '-') {
+    } else if (!arg.empty() && arg[0] == '-' && arg != "--") {
       return usageError("unknown option '" + arg + "'");
     } else {
-      std::vector<std::string> command = splitCommand(arg);
-      if (command.empty()) return usageError("empty service command");
-      options.services.push_back(command);
+      if (arg == "--" && ++i == argc) break;
+      // After "--" every argument is a service, whatever it starts with.
+      for (bool rest = arg == "--"; i < argc; ++i) {
+        std::vector<std::string> command;
+        if (!kl::loader::splitCommandLine(argv[i], &command)) {
+          return usageError(std::string("unterminated quote in '") + argv[i] + "'");
+        }
+        if (command.empty()) return usageError("empty service command");
+        options.services.push_back(command);
+        if (!rest) break;
+      }
     }
   }
   kl::loader::Loader loader(options);

@@ -57,6 +57,44 @@ std::string failureText(FrameFailure what, long result, int err) {
 
 }  // namespace
 
+bool splitCommandLine(const std::string& line, std::vector<std::string>* words) {
+  words->clear();
+  std::string word;
+  bool inWord = false;
+  for (size_t i = 0; i < line.size(); ++i) {
+    const char c = line[i];
+    if (c == ' ' || c == '\t' || c == '\n') {
+      if (inWord) words->push_back(word);
+      word.clear();
+      inWord = false;
+      continue;
+    }
+    inWord = true;
+    if (c == '\\') {
+      if (++i == line.size()) return false;
+      word += line[i];
+    } else if (c == '\'') {
+      const size_t end = line.find('\'', i + 1);
+      if (end == std::string::npos) return false;
+      word += line.substr(i + 1, end - i - 1);
+      i = end;
+    } else if (c == '"') {
+      for (++i;; ++i) {
+        if (i == line.size()) return false;
+        if (line[i] == '"') break;
+        if (line[i] == '\\' && i + 1 < line.size() && (line[i + 1] == '"' || line[i + 1] == '\\')) {
+          ++i;
+        }
+        word += line[i];
+      }
+    } else {
+      word += c;
+    }
+  }
+  if (inWord) words->push_back(word);
+  return true;
+}
+
 Loader::Conn::Conn(Loader* owner, int descriptor)
     : loader(owner),
       fd(descriptor),

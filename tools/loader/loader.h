@@ -70,6 +70,12 @@ constexpr size_t kMaxPendingRequests = 4096;
 // Ended processes the process list keeps showing.
 constexpr size_t kEndedKept = 16;
 
+// Splits a service's command line into words as a shell would, without expanding anything:
+// blanks separate words; '...' keeps everything inside as it is; "..." too, except that a
+// backslash there escapes " and \; outside quotes a backslash takes the next character as
+// it is. False (with *words unspecified) for an unterminated quote or a trailing backslash.
+bool splitCommandLine(const std::string& line, std::vector<std::string>* words);
+
 struct Options {
   bool trace = false;
   uint32_t maxQueuedBytes = kMaxQueuedBytes;            // one connection's queue

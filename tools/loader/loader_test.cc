@@ -520,6 +520,36 @@ TEST_F(LoaderTest, AServiceThatEndsWithoutRegisteringIsReportedAndListed) {
   EXPECT_EQ(states, (std::set<std::string>{"exited 0", "exited 3"}));
 }
 
+TEST(SplitCommandLine, SplitsAsAShellWouldWithoutExpanding) {
+  struct Case {
+    const char* line;
+    std::vector<std::string> words;  // empty with ok false: refused
+    bool ok;
+  };
+  const Case cases[] = {
+      {"svc 4 6", {"svc", "4", "6"}, true},
+      {"  svc \t 4  ", {"svc", "4"}, true},
+      {"sh -c 'exit 7'", {"sh", "-c", "exit 7"}, true},
+      {"echo \"a \\\"b\\\" c\"", {"echo", "a \"b\" c"}, true},
+      {"a'b c'd", {"ab cd"}, true},
+      {"a\\ b", {"a b"}, true},
+      {"'$HOME' \"*\"", {"$HOME", "*"}, true},
+      {"''", {""}, true},
+      {"", {}, true},
+      {"sh -c 'exit", {}, false},
+      {"say \"hi", {}, false},
+      {"trailing\\", {}, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line);
+    std::vector<std::string> words;
+    EXPECT_EQ(splitCommandLine(c.line, &words), c.ok);
+    if (c.ok) {
+      EXPECT_EQ(words, c.words);
+    }
+  }
+}
+
 TEST_F(LoaderTest, UnknownLoaderCommandIsNotImplemented) {
   startLoader();
   std::unique_ptr<Process> a = registered(20);
