@@ -12,6 +12,12 @@ namespace kl {
 // as errors).
 unsigned int getJiffies();
 
+// For tests: moves the clock `ticks` ahead for the whole process, at once and without
+// waiting, so that timers armed before come due (a runner fires them in its next pass, or
+// in ThinRunner::runTimers()). Every later getJiffies() includes all the advances made.
+// Not for services: their timers follow real time.
+void advanceClock(unsigned int ticks);
+
 }  // namespace kl
 
 #endif  // KL_BASE_CLOCK_H_

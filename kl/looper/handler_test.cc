@@ -8,6 +8,7 @@
 
 #include <map>
 
+#include "kl/base/clock.h"
 #include "kl/looper/looper.h"
 #include "kl/message/system.h"
 #include "kl/testing/loader_peer.h"
@@ -279,6 +280,25 @@ TEST_F(HandlerTest, ChangeCausedByASubscriberIsNotEchoedToIt) {
             std::vector<unsigned int>({PATH_MULTI, 2, 0x10000, 7, 2, 0x10001, 3}));
   EXPECT_FALSE(n.has(SYS_ORIGIN));
   EXPECT_TRUE(peer_->quiet());
+}
+
+// The batched notification goes out by itself once its delay has passed: a test moves the
+// clock on instead of waiting or calling sendChanges().
+TEST_F(HandlerTest, ChangesGoOutWhenTheClockHasMovedOn) {
+  subscribe(kPathA);
+  objects_.notifyChange(7);
+  looper_->runTimers();
+  looper_->writeFlush(true);
+  EXPECT_TRUE(peer_->quiet()) << "sent before its delay";
+  advanceClock(10);  // half the delay
+  looper_->runTimers();
+  looper_->writeFlush(true);
+  EXPECT_TRUE(peer_->quiet()) << "sent early";
+  advanceClock(10);
+  looper_->runTimers();
+  looper_->writeFlush(true);
+  message n;
+  EXPECT_EQ(notifiedIds(&n), std::vector<unsigned int>({7}));
 }
 
 // A subscriber without a way back (an empty SYS_FROM) cannot be a group of a
