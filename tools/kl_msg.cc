@@ -54,6 +54,11 @@ const CommandHelp kCommands[] = {
      "        the objects (STD_OBJS) of all replies are printed.\n",
      true},
     {"list", "kl-msg list", "list    prints the loader's processes.\n", false},
+    {"serve", "kl-msg serve ID/HANDLER FIELD...",
+     "serve   registers as process ID and answers every request to its HANDLER with a\n"
+     "        reply made of FIELDs (request id and path added), until interrupted: a\n"
+     "        stand-in for a service a handler under test depends on.\n",
+     true},
     {"listen", "kl-msg listen [--cmd CMD] PATH",
      "listen  subscribes to PATH and prints the objects of each notification as they\n"
      "        arrive, until interrupted; then unsubscribes. A PATH where no handler\n"
@@ -508,5 +513,6 @@ int main(int argc, char** argv) {
   if (command == "call") return klmsg::callCommand(argc - 2, argv + 2, addField);
   if (command == "list") return klmsg::listCommand(argc - 2, argv + 2);
   if (command == "listen") return klmsg::listenCommand(argc - 2, argv + 2);
+  if (command == "serve") return klmsg::serveCommand(argc - 2, argv + 2, addField);
   return usage("unknown command '" + command + "' (see kl-msg --help)");
 }

@@ -289,4 +289,45 @@ int listenCommand(int argc, char** argv) {
   return 0;
 }
 
+namespace {
+
+// A stand-in for a service's handler: answers every request with the same reply, so that
+// a handler that depends on it can be tried before the real one exists.
+class StandIn : public kl::Handler {
+ public:
+  void handleCmd(const kl::message& m, unsigned int) override {
+    kl::message reply = reply_;
+    replyMessage(m, reply);
+  }
+  kl::message reply_;
+};
+
+void onServeStop(void* self, int) { static_cast<kl::Looper*>(self)->shutdown(); }
+
+}  // namespace
+
+int serveCommand(int argc, char** argv, AddFieldFn addField) {
+  if (argc < 1) return usage("serve needs ID/HANDLER (see kl-msg serve --help)");
+  std::vector<unsigned int> path;
+  if (!parsePath(argv[0], &path) || path.size() != 2 || path[0] == 0 || path[0] == 1) {
+    return usage(std::string("bad path '") + argv[0] +
+                 "', expected a process id and a handler id like 12/3");
+  }
+  StandIn standIn;
+  for (int i = 1; i < argc; ++i) {
+    const std::string error = addField(standIn.reply_, argv[i]);
+    if (!error.empty()) return usage(error);
+  }
+  if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
+  kl::Looper* looper =
+      new kl::Looper(kl::Looper::kConnect, path[0], 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+  looper->addHandler(path[1], &standIn);
+  looper->addSighandler(SIGINT, looper, onServeStop, true);
+  looper->addSighandler(SIGTERM, looper, onServeStop, true);
+  printf("serving %s\n", argv[0]);
+  fflush(stdout);
+  looper->run();
+  return 0;
+}
+
 }  // namespace klmsg

@@ -28,6 +28,8 @@ int callCommand(int argc, char** argv, AddFieldFn addField);
 int listCommand(int argc, char** argv);
 // kl-msg listen [--cmd CMD] PATH
 int listenCommand(int argc, char** argv);
+// kl-msg serve ID/HANDLER FIELD...
+int serveCommand(int argc, char** argv, AddFieldFn addField);
 
 }  // namespace klmsg
 

@@ -849,6 +849,33 @@ TEST_F(ServicesTest, KlMsgCallTimeoutTakesFractions) {
   close(err[0]);
 }
 
+// kl-msg serve stands in for a service: registered under the given id, it answers every
+// request to its handler with the fields it was given.
+TEST_F(ServicesTest, KlMsgServeAnswersWithItsFields) {
+  ASSERT_TRUE(startLoader());
+  int out[2];
+  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+  const pid_t server = launch(
+      {KL_MSG_PATH, "serve", "12/3", "u32:STD_ID=5", "string:STD_DESCR=stand-in"}, out[1], 2);
+  close(out[1]);
+  LineReader lines(out[0]);
+  std::string line;
+  ASSERT_TRUE(lines.next(&line, 5000));
+  EXPECT_EQ(line, "serving 12/3");
+  for (unsigned int cmd : {CMD_GETOBJ, CMD_SET}) {
+    const message reply = call(*driver_, 0, {12, 3}, request(cmd));
+    EXPECT_EQ(errorCode(reply), 0u) << hexOf(reply);
+    EXPECT_EQ(reply.get(STD_ID, 0), 5u);
+    EXPECT_EQ(reply.get_string(STD_DESCR, ""), "stand-in");
+  }
+  EXPECT_EQ(errorCode(call(*driver_, 0, {12, 4}, request(CMD_GETOBJ))), ERROR_BRKPATH);
+  kill(server, SIGTERM);
+  int status = -1;
+  waitpid(server, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  close(out[0]);
+}
+
 // --- kl-msg without a loader ------------------------------------------------------------------
 
 // A socket left by a loader that died refuses connections: kl-msg says that no loader
