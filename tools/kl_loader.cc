@@ -29,7 +29,10 @@ const char kUsage[] =
     "\n"
     "Handler id 1 is the loader: `kl-msg list` shows its processes; a request to 1 with\n"
     "SYS_CMD 0xfd0001 and STD_ID = a process id asks that process to leave.\n"
-    "Stops on SIGINT or SIGTERM and ends the services it started.\n";
+    "Stops on SIGINT or SIGTERM and ends the services it started.\n"
+    "\n"
+    "Exit status: 0 after a stop, 1 when it cannot listen (another kl-loader runs), 2 a\n"
+    "usage error.\n";
 
 bool parseNumber(const char* text, unsigned int* value) {
   char* end = nullptr;

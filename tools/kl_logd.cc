@@ -56,7 +56,9 @@ const char kUsage[] =
     "  list           print the muted topics and every connected source\n"
     "\n"
     "A client that sends something that is not a record, or goes away, is dropped with one\n"
-    "line on the error stream. SIGINT or SIGTERM stops the service and removes the socket.\n";
+    "line on the error stream. SIGINT or SIGTERM stops the service and removes the socket.\n"
+    "\n"
+    "Exit status: 0 after a stop, 1 when the socket cannot be served, 2 a usage error.\n";
 
 void complain(const std::string& text) { fprintf(stderr, "kl-logd: %s\n", text.c_str()); }
 
@@ -397,16 +399,16 @@ int main(int argc, char** argv) {
     } else if (strcmp(argv[i], "--mute") == 0) {
       if (i + 1 == argc) {
         complain("--mute needs a TOPIC (see --help)");
-        return 1;
+        return 2;
       }
       if (!parseTopic(argv[++i], &topic)) {
         complain(std::string("bad topic '") + argv[i] + "' (a number 1-65535)");
-        return 1;
+        return 2;
       }
       muted.insert(topic);
     } else {
       complain(std::string("unexpected argument '") + argv[i] + "' (see --help)");
-      return 1;
+      return 2;
     }
   }
   signal(SIGPIPE, SIG_IGN);

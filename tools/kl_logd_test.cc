@@ -256,7 +256,8 @@ TEST_F(LogdTest, ASecondServiceOnTheSameSocketIsRefused) {
   pid_ = first;
 }
 
-TEST_F(LogdTest, BadArgumentsGetOneLineAndStatusOne) {
+// A usage error ends with status 2, as in the other tools.
+TEST_F(LogdTest, BadArgumentsGetOneLineAndStatusTwo) {
   struct Case {
     std::vector<std::string> args;
     const char* line;
@@ -271,7 +272,7 @@ TEST_F(LogdTest, BadArgumentsGetOneLineAndStatusOne) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.line);
-    EXPECT_EQ(run(c.args), 1);
+    EXPECT_EQ(run(c.args), 2);
     EXPECT_EQ(errors(), c.line);
   }
   EXPECT_EQ(run({"--help"}), 0);

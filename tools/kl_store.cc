@@ -3,8 +3,8 @@
 //
 //   kl-store [--check] [--id N] PATH      PATH is the store's base path (PATH.idx, PATH.dat)
 //
-// Exit status 0 when the store is consistent, 1 when it is not, 2 on a usage error, an
-// unreadable file or an --id that no slot holds.
+// Exit status 0 when the store is consistent, 1 when it is not or cannot be read (or an
+// --id that no slot holds), 2 on a usage error: the tools' common convention.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,8 +38,8 @@ const char kUsage[] =
     "each message decodes. The files are only read.\n"
     "  --check  print only the problems and the summary\n"
     "  --id N   print only the slot of id N\n"
-    "Exit status: 0 consistent, 1 inconsistent, 2 usage, unreadable files or an --id\n"
-    "that no slot holds.\n";
+    "Exit status: 0 consistent, 1 inconsistent, unreadable files or an --id that no slot\n"
+    "holds, 2 a usage error.\n";
 
 // Reads the regular file `path` whole; false after a "kl-store: PATH: reason" line.
 bool readFile(const std::string& path, Bytes* out) {
@@ -127,7 +127,7 @@ int main(int argc, char** argv) {
   }
   Bytes idx, dat;
   if (!readFile(std::string(path) + ".idx", &idx) || !readFile(std::string(path) + ".dat", &dat)) {
-    return 2;
+    return 1;
   }
 
   // The byte order whose slot lengths add up to the data file's size, little-endian first.
@@ -197,7 +197,7 @@ int main(int argc, char** argv) {
             << std::endl;
   if (oneId && seen.count(wanted) == 0) {
     std::cerr << "kl-store: " << path << ".idx: no message with id " << wanted << std::endl;
-    return 2;
+    return 1;
   }
   return problems == 0 ? 0 : 1;
 }
