@@ -111,6 +111,7 @@ Loader::~Loader() {
     unlink(socketPath_.c_str());
   }
   for (auto& entry : conns_) close(entry.second->fd);
+  for (auto& entry : outputs_) close(entry.first);
 }
 
 // --- set-up ------------------------------------------------------------------------------
@@ -164,6 +165,45 @@ void Loader::run() {
 
 // SIGTERM to every started service (with SIGCONT, for one that is stopped), SIGKILL to those
 // still there after the grace period: the loader ends in time whatever its children do.
+void Loader::onOutputCb(void* self, int fd, unsigned int) {
+  static_cast<Loader*>(self)->relayOutput(fd);
+}
+
+void Loader::relayOutput(int fd) {
+  auto it = outputs_.find(fd);
+  if (it == outputs_.end()) return;
+  Output& out = it->second;
+  char buf[4096];
+  const ssize_t n = read(fd, buf, sizeof buf);
+  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (n > 0) {
+    out.partial.append(buf, static_cast<size_t>(n));
+    size_t start = 0;
+    for (size_t end; (end = out.partial.find('\n', start)) != std::string::npos; start = end + 1) {
+      writeOutputLine(out, out.partial.data() + start, end - start);
+    }
+    out.partial.erase(0, start);
+    return;
+  }
+  // The end: what is left is a line of its own.
+  if (!out.partial.empty()) writeOutputLine(out, out.partial.data(), out.partial.size());
+  runner_.removeSocket(fd);
+  close(fd);
+  outputs_.erase(it);
+}
+
+void Loader::writeOutputLine(const Output& out, const char* text, size_t length) {
+  std::string label = "[pid " + std::to_string(out.pid) + "] ";
+  for (auto& entry : conns_) {
+    if (entry.second->pid == out.pid && entry.second->registered) {
+      label = "[" + std::to_string(entry.second->id) + "] ";
+      break;
+    }
+  }
+  fprintf(out.to, "%s%.*s\n", label.c_str(), static_cast<int>(length), text);
+  fflush(out.to);
+}
+
 void Loader::stopChildren() {
   std::set<pid_t> children;
   for (auto& entry : conns_) {
@@ -197,6 +237,9 @@ bool Loader::startService(const std::vector<std::string>& command) {
     fprintf(stderr, "kl-loader: socketpair: %s\n", strerror(errno));
     return false;
   }
+  int out[2], err[2];
+  if (pipe2(out, O_CLOEXEC) != 0) out[0] = out[1] = -1;
+  if (pipe2(err, O_CLOEXEC) != 0) err[0] = err[1] = -1;
   fflush(nullptr);
   const pid_t pid = fork();
   if (pid < 0) {
@@ -206,8 +249,11 @@ bool Loader::startService(const std::vector<std::string>& command) {
     return false;
   }
   if (pid == 0) {
-    // The service's end of the connection on descriptor 3, as on the device.
+    // The service's end of the connection on descriptor 3, as on the device; its output
+    // through the loader, line by line behind its id.
     dup2(fds[1], 3);
+    if (out[1] >= 0) dup2(out[1], 1);
+    if (err[1] >= 0) dup2(err[1], 2);
     std::vector<char*> argv;
     for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
@@ -220,6 +266,13 @@ bool Loader::startService(const std::vector<std::string>& command) {
     _exit(127);
   }
   close(fds[1]);
+  for (int* pipeEnds : {out, err}) {
+    if (pipeEnds[0] < 0) continue;
+    close(pipeEnds[1]);
+    fcntl(pipeEnds[0], F_SETFL, O_NONBLOCK);
+    outputs_[pipeEnds[0]] = Output{pid, pipeEnds == out ? stdout : stderr, std::string()};
+    runner_.addSocket(pipeEnds[0], this, onOutputCb, POLLIN);
+  }
   Conn* conn = addConnection(fds[0], pid);
   conn->command = command;
   startedPids_[pid] = command;

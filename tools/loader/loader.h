@@ -32,6 +32,7 @@
 
 #include <sys/types.h>
 
+#include <cstdio>
 #include <list>
 #include <map>
 #include <memory>
@@ -133,6 +134,15 @@ class Loader {
     PendingRequests pending;
   };
 
+  // The output of a started service: its standard output and error come through pipes and
+  // go out on the loader's own, each line behind the service's id ("[5] ...", "[pid N]"
+  // before it registers).
+  struct Output {
+    pid_t pid;
+    FILE* to;             // stdout or stderr
+    std::string partial;  // a line not yet ended
+  };
+
   // Feeds one decoded frame from `conn` (registration, control or routed message).
   void handleFrame(Conn& conn, message& m);
   // Adds a connection for an already connected descriptor (accept, a started service, a
@@ -174,6 +184,10 @@ class Loader {
   // Answers the requests still pending at a connection that went away.
   void answerPending(const PendingRequests& pending);
   void stopChildren();
+  static void onOutputCb(void* self, int fd, unsigned int events);
+  // Relays what service output pipe `fd` holds; at its end, what is left.
+  void relayOutput(int fd);
+  void writeOutputLine(const Output& out, const char* text, size_t length);
   int sleepLimit(int timeoutMs) const;
   void registerProcess(Conn& conn, const message& m);
   void handleControl(Conn& conn, unsigned int code, const message& m);
@@ -235,6 +249,7 @@ class Loader {
     std::string how;  // "exited 0", "killed by signal 9"
   };
   std::list<Ended> ended_;
+  std::map<int, Output> outputs_;  // services' output pipes, by descriptor
   bool stopping_ = false;
   int64_t queuedTotal_ = 0;  // bytes queued for all connections
 };

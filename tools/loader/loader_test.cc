@@ -550,6 +550,20 @@ TEST(SplitCommandLine, SplitsAsAShellWouldWithoutExpanding) {
   }
 }
 
+// A started service's output comes through the loader line by line, each behind its id (its
+// pid before it registers); a last line without an end is kept too.
+TEST_F(LoaderTest, ServiceOutputLinesCarryTheirOrigin) {
+  Options options;
+  options.services = {{"sh", "-c", "echo one >&2; printf 'two\\nthree' >&2"}};
+  startLoader(options);
+  for (int waited = 0; waited < 300 && !saidSomething("] three"); ++waited) usleep(10000);
+  std::vector<std::string> relayed;
+  for (const std::string& line : errorLines()) {
+    if (line.compare(0, 5, "[pid ") == 0) relayed.push_back(line.substr(line.find("] ") + 2));
+  }
+  EXPECT_EQ(relayed, (std::vector<std::string>{"one", "two", "three"}));
+}
+
 TEST_F(LoaderTest, UnknownLoaderCommandIsNotImplemented) {
   startLoader();
   std::unique_ptr<Process> a = registered(20);
