@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "kl/base/diagnostics.h"
 #include "kl/base/root.h"
 #include "kl/log/log_format.h"
 #include "kl/runner/thin_runner.h"
@@ -46,7 +47,7 @@ void Logger::connectToLog() {
   fd_ = -1;
   ThinRunner* runner = getRunner();
   if (runner == nullptr) {
-    fprintf(stderr, "no runner while connecting to log\n");
+    fprintf(diagnosticStream(), "no runner while connecting to log\n");
     return;
   }
   sockaddr_un addr;
@@ -68,12 +69,12 @@ void Logger::connectToLog() {
     }
   }
   if (fd < 0) {
-    fprintf(stderr, "could not connect to log: %s\n", strerror(errno));
+    fprintf(diagnosticStream(), "could not connect to log: %s\n", strerror(errno));
     return;
   }
   fd_ = fd;
   if (fcntl(fd_, F_SETFL, O_NONBLOCK) != 0) {
-    fprintf(stderr, "could not set to non blocking: %s\n", strerror(errno));
+    fprintf(diagnosticStream(), "could not set to non blocking: %s\n", strerror(errno));
   }
   runner->addSocket(fd_, this, onSocket, POLLIN);
   // Registrations do not survive the connection: each source sends its own again, lazily,
@@ -99,19 +100,19 @@ void Logger::onSocket(void* ctx, int fd, unsigned int) {
 
 void Logger::readNotices(int fd) {
   if (fd != fd_) {
-    fprintf(stderr, "wrong alarm\n");
+    fprintf(diagnosticStream(), "wrong alarm\n");
     return;
   }
   unsigned char buf[kReadSize];
   const ssize_t n = read(fd_, buf, sizeof buf);
   if (n == 0) {
-    fprintf(stderr, "EOF\n");
+    fprintf(diagnosticStream(), "EOF\n");
     closeConnection();
     return;
   }
   if (n < 0) {
     // A failed read, EAGAIN included, holds no notice: treated as a bad one.
-    fprintf(stderr, "msg has bad len, dropping\n");
+    fprintf(diagnosticStream(), "msg has bad len, dropping\n");
     closeConnection();
     return;
   }
@@ -123,7 +124,7 @@ void Logger::readNotices(int fd) {
 void Logger::applyNotices(const unsigned char* data, unsigned int len) {
   while (len >= logformat::kNoticeLength) {
     if (loadHost16(data) != logformat::kNoticeLength) {
-      fprintf(stderr, "msg has bad len, dropping\n");
+      fprintf(diagnosticStream(), "msg has bad len, dropping\n");
       closeConnection();
       return;
     }
@@ -133,7 +134,7 @@ void Logger::applyNotices(const unsigned char* data, unsigned int len) {
     len -= logformat::kNoticeLength;
   }
   if (len != 0) {
-    fprintf(stderr, "msg too short, dropping\n");
+    fprintf(diagnosticStream(), "msg too short, dropping\n");
     closeConnection();
   }
 }
@@ -164,7 +165,7 @@ void Logger::log(Source* source, const char* text, unsigned int len) {
     if (!source->registered) {
       sendRegistration(source);
       if (!source->registered) {
-        fprintf(stderr, "registeration failed, dropping a line\n");
+        fprintf(diagnosticStream(), "registeration failed, dropping a line\n");
         return;
       }
     }
@@ -184,11 +185,11 @@ void Logger::sendLine(Source* source, const char* text, unsigned int len) {
 bool Logger::writeMsg(const unsigned char* data, unsigned int len, bool) {
   if (fd_ < 0) connectToLog();
   if (fd_ < 0) {
-    fprintf(stderr, "dropping\n");
+    fprintf(diagnosticStream(), "dropping\n");
     return false;
   }
   if (writeRaw(data, len) >= len) return true;
-  fprintf(stderr, "dopping line\n");
+  fprintf(diagnosticStream(), "dopping line\n");
   return false;
 }
 
@@ -202,14 +203,14 @@ unsigned int Logger::writeRaw(const unsigned char* data, unsigned int len) {
     const ssize_t n = write(fd_, data, len);
     if (n >= 0 && static_cast<unsigned int>(n) == len) return len;
     if (n < 0 && errno != EAGAIN) {
-      fprintf(stderr, "writeRaw failed: %s\n", strerror(errno));
-      fprintf(stderr, "ret=-1, len=%u\n", len);
+      fprintf(diagnosticStream(), "writeRaw failed: %s\n", strerror(errno));
+      fprintf(diagnosticStream(), "ret=-1, len=%u\n", len);
       closeConnection();
       return 0;
     }
     if (attempts == kWriteAttempts) {
       if (written == 0) return 0;
-      fprintf(stderr, "partial write written=%u\n", written);
+      fprintf(diagnosticStream(), "partial write written=%u\n", written);
       return written;
     }
     if (n > 0) {
@@ -217,7 +218,7 @@ unsigned int Logger::writeRaw(const unsigned char* data, unsigned int len) {
       len -= static_cast<unsigned int>(n);
       written += static_cast<unsigned int>(n);
     }
-    fprintf(stderr, "sleeping\n");
+    fprintf(diagnosticStream(), "sleeping\n");
     ++attempts;
     usleep(kRetrySleepUs);
   }

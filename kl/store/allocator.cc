@@ -3,12 +3,14 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "kl/base/diagnostics.h"
+
 namespace kl {
 
 namespace {
 
 [[noreturn]] void fail(const char* text) {
-  fprintf(stderr, "%s\n", text);
+  fprintf(diagnosticStream(), "%s\n", text);
   abort();
 }
 
@@ -198,11 +200,11 @@ bool Allocator::isAllocated(unsigned id) const {
 }
 
 void Allocator::dump(const std::string& name) const {
-  fprintf(stderr, "%s:\n", name.c_str());
+  fprintf(diagnosticStream(), "%s:\n", name.c_str());
   for (const FreeRange* r = head_; r != nullptr; r = r->next) {
-    fprintf(stderr, "  %u - %u%s\n", r->first, r->last, *cursor_ == r ? " *" : "");
+    fprintf(diagnosticStream(), "  %u - %u%s\n", r->first, r->last, *cursor_ == r ? " *" : "");
   }
-  fprintf(stderr, "------\n");
+  fprintf(diagnosticStream(), "------\n");
 }
 
 }  // namespace kl

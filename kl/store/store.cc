@@ -12,6 +12,7 @@
 #include <cstring>
 #include <limits>
 
+#include "kl/base/diagnostics.h"
 #include "kl/base/root.h"
 #include "kl/runner/fault_guard.h"
 #include "kl/store/store_format.h"
@@ -25,7 +26,7 @@ using storefmt::kFreeId;
 using storefmt::kRecordHeaderSize;
 using storefmt::kSlotSize;
 
-void report(const char* text) { fprintf(stderr, "STORE: %s\n", text); }
+void report(const char* text) { fprintf(diagnosticStream(), "STORE: %s\n", text); }
 
 // Reads exactly n bytes unless the file ends or fails first; the count read, -1 on error.
 ssize_t readFully(int fd, void* buf, size_t n) {
@@ -309,9 +310,9 @@ bool Store::repairShortDataFile(int dat, std::vector<storefmt::Slot>& slots) {
     return false;
   }
   if (lastCut) {
-    fprintf(stderr, "STORE: readIndex recovered an interrupted write of id %u\n", lost);
+    fprintf(diagnosticStream(), "STORE: readIndex recovered an interrupted write of id %u\n", lost);
   } else {
-    fprintf(stderr, "STORE: readIndex recovered a data file cut short by a failed write\n");
+    fprintf(diagnosticStream(), "STORE: readIndex recovered a data file cut short by a failed write\n");
   }
   return true;
 }
@@ -319,7 +320,7 @@ bool Store::repairShortDataFile(int dat, std::vector<storefmt::Slot>& slots) {
 // Whether the store is read-only, after a line naming the operation it refuses.
 bool Store::refused(const char* operation) const {
   if (!bigEndian_) return false;
-  fprintf(stderr, "STORE: %s refused: big-endian files kept read-only\n", operation);
+  fprintf(diagnosticStream(), "STORE: %s refused: big-endian files kept read-only\n", operation);
   return true;
 }
 
@@ -363,7 +364,7 @@ message Store::readRecord(unsigned offset, unsigned hint) {
   }
   const unsigned length = bigEndian_ ? loadBe16(readBuffer_.data()) : loadLe16(readBuffer_.data());
   if (length < kRecordHeaderSize) {
-    fprintf(stderr, "STORE: readMsg invalid header: msg len %u\n", length);
+    fprintf(diagnosticStream(), "STORE: readMsg invalid header: msg len %u\n", length);
     return message();
   }
   if (n < static_cast<ssize_t>(length)) {

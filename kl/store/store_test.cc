@@ -15,6 +15,7 @@
 #include <type_traits>
 
 #include "kl/base/clock.h"
+#include "kl/base/diagnostics.h"
 #include "kl/base/endian.h"
 #include "kl/message/system.h"
 #include "kl/runner/runner.h"
@@ -543,6 +544,30 @@ TEST_F(StoreTest, ABigEndianStoreOnAFullFlashIsKeptReadOnly) {
             "STORE: big-endian files could not be converted, kept read-only\n");
   EXPECT_EQ(file(".idx"), idx);
   EXPECT_EQ(file(".dat"), dat);
+}
+
+// A test can take the store's lines for itself: they go to the stream it set, not to the
+// standard error stream, until it sets it back.
+TEST_F(StoreTest, DiagnosticLinesGoWhereATestSendsThem) {
+  std::string err;
+  openQuietly(&err)->set(1, sized(1, 50));
+  Bytes dat = file(".dat");
+  dat.push_back(0);
+  writeBytes(".dat", dat);
+  FILE* lines = tmpfile();
+  ASSERT_NE(lines, nullptr);
+  setDiagnosticStream(lines);
+  ::testing::internal::CaptureStderr();
+  std::unique_ptr<Store> s = open();
+  const std::string onStderr = ::testing::internal::GetCapturedStderr();
+  setDiagnosticStream(nullptr);
+  EXPECT_TRUE(s->restarted);
+  EXPECT_EQ(onStderr, "");
+  char text[128] = {};
+  rewind(lines);
+  EXPECT_EQ(std::string(fgets(text, sizeof text, lines) != nullptr ? text : ""),
+            "STORE: readIndex size mismatch\n");
+  fclose(lines);
 }
 
 TEST_F(StoreTest, DataOneByteTooLongWipesTheStore) {

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 
+#include "kl/base/diagnostics.h"
 #include "kl/base/root.h"
 
 namespace kl {
@@ -21,7 +22,7 @@ bool setLock(int fd, short type) {
   return fcntl(fd, F_SETLKW, &lock) != -1;
 }
 
-void report(const char* text) { fprintf(stderr, "STORE: %s\n", text); }
+void report(const char* text) { fprintf(diagnosticStream(), "STORE: %s\n", text); }
 
 // Whether fd is still a named file: the lock file is only ever deleted (and perhaps
 // created anew), never renamed, so a held file without links is an orphan. One fstat, where
