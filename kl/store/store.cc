@@ -312,7 +312,8 @@ bool Store::repairShortDataFile(int dat, std::vector<storefmt::Slot>& slots) {
   if (lastCut) {
     fprintf(diagnosticStream(), "STORE: readIndex recovered an interrupted write of id %u\n", lost);
   } else {
-    fprintf(diagnosticStream(), "STORE: readIndex recovered a data file cut short by a failed write\n");
+    fprintf(diagnosticStream(),
+            "STORE: readIndex recovered a data file cut short by a failed write\n");
   }
   return true;
 }
