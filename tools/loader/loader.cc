@@ -152,6 +152,7 @@ bool Loader::start() {
   runner_.addSighandler(SIGINT, this, onSignalCb, true);
   runner_.addSighandler(SIGTERM, this, onSignalCb, true);
   if (options_.idleLeaveSeconds != 0) runner_.addTimer(this, onIdleTimerCb, 100);
+  runner_.addTimer(this, onRegisterWatchCb, 100);
   for (const std::vector<std::string>& command : options_.services) {
     if (!startService(command)) return false;
   }
@@ -276,6 +277,7 @@ bool Loader::startService(const std::vector<std::string>& command) {
   Conn* conn = addConnection(fds[0], pid);
   conn->command = command;
   startedPids_[pid] = command;
+  unregisteredSince_[pid] = getJiffies();
   return true;
 }
 
@@ -467,6 +469,7 @@ void Loader::reapChildren() {
     const std::string program =
         started != startedPids_.end() && !started->second.empty() ? started->second.front() : "";
     if (started != startedPids_.end()) startedPids_.erase(started);
+    unregisteredSince_.erase(pid);
     auto child = childIds_.find(pid);
     const unsigned int id = child != childIds_.end() ? child->second : 0;
     if (child != childIds_.end()) childIds_.erase(child);
@@ -489,6 +492,28 @@ void Loader::reapChildren() {
               WEXITSTATUS(status));
     }
   }
+}
+
+// A started service that has not registered within registerWarnSeconds is named once: it
+// may be waiting for something, or not be a service at all.
+void Loader::onRegisterWatchCb(void* self) {
+  Loader* loader = static_cast<Loader*>(self);
+  const uint32_t now = getJiffies();
+  for (auto it = loader->unregisteredSince_.begin(); it != loader->unregisteredSince_.end();) {
+    if (now - it->second < loader->options_.registerWarnSeconds * 100) {
+      ++it;
+      continue;
+    }
+    auto started = loader->startedPids_.find(it->first);
+    fprintf(stderr, "kl-loader: process %d (%s) has not registered after %u s\n",
+            static_cast<int>(it->first),
+            started != loader->startedPids_.end() && !started->second.empty()
+                ? started->second.front().c_str()
+                : "",
+            loader->options_.registerWarnSeconds);
+    it = loader->unregisteredSince_.erase(it);
+  }
+  loader->runner_.addTimer(self, onRegisterWatchCb, 100);
 }
 
 void Loader::onIdleTimerCb(void* self) {
@@ -567,6 +592,7 @@ void Loader::registerProcess(Conn& conn, const message& m) {
   if (started != startedPids_.end()) {
     conn.command = started->second;
     childIds_[conn.pid] = id;
+    unregisteredSince_.erase(conn.pid);
   }
   ended_.remove_if([id](const Ended& e) { return e.id == id; });
 

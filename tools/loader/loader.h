@@ -82,8 +82,9 @@ struct Options {
   uint32_t maxQueuedBytes = kMaxQueuedBytes;            // one connection's queue
   uint32_t maxTotalQueuedBytes = kMaxTotalQueuedBytes;  // all queues together
   unsigned int idleLeaveSeconds = 0;                    // 0: never ask idle services to leave
-  std::map<unsigned int, unsigned int> policies;        // process id -> SYS_POLICY bits
-  std::vector<std::vector<std::string>> services;       // command lines to start
+  unsigned int registerWarnSeconds = 20;  // a started service not registered by then is named
+  std::map<unsigned int, unsigned int> policies;   // process id -> SYS_POLICY bits
+  std::vector<std::vector<std::string>> services;  // command lines to start
 };
 
 class Loader {
@@ -164,6 +165,7 @@ class Loader {
   static void beforeSleepCb(void* self);
   static void onSignalCb(void* self, int sig);
   static void onIdleTimerCb(void* self);
+  static void onRegisterWatchCb(void* self);
 
   void onAccept();
   void onConn(Conn& conn, unsigned int events);
@@ -241,6 +243,8 @@ class Loader {
   std::map<pid_t, std::vector<std::string>> startedPids_;
   // The ids of started processes that registered, by pid, until they are reaped.
   std::map<pid_t, unsigned int> childIds_;
+  // When each started process that has not registered yet was started (ticks).
+  std::map<pid_t, uint32_t> unregisteredSince_;
   // How the last started processes ended, newest last, for the process list.
   struct Ended {
     unsigned int id;  // 0: it never registered

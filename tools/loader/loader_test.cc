@@ -564,6 +564,18 @@ TEST_F(LoaderTest, ServiceOutputLinesCarryTheirOrigin) {
   EXPECT_EQ(relayed, (std::vector<std::string>{"one", "two", "three"}));
 }
 
+// A started service that does not register is named once it is late.
+TEST_F(LoaderTest, AServiceThatDoesNotRegisterIsNamed) {
+  Options options;
+  options.services = {{"sleep", "30"}};
+  options.registerWarnSeconds = 1;
+  startLoader(options);
+  for (int waited = 0; waited < 400 && !saidSomething("has not registered"); ++waited) {
+    usleep(10000);
+  }
+  EXPECT_TRUE(saidSomething("(sleep) has not registered after 1 s"));
+}
+
 TEST_F(LoaderTest, UnknownLoaderCommandIsNotImplemented) {
   startLoader();
   std::unique_ptr<Process> a = registered(20);
