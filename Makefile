@@ -8,6 +8,7 @@
 #   make ppc-test    cross-build for 32-bit big-endian PowerPC, all tests under qemu-ppc
 #   make bench       Release build, all benchmarks
 #   make kill-test   the store's kill figures (a writer SIGKILLed hundreds of times; slow)
+#   make mutants     one-line faults planted in kl/ one at a time, the tests run on each (slow)
 #   make size        the library's footprint on both targets, beside peer libraries
 #   make size-check  the same, failing when it passes the budget in cmake/size-budget
 #   make fuzz        a short run of each fuzz target (FUZZ_SECONDS, default 20)
@@ -29,7 +30,7 @@ SIZE_PACKAGES := cmake ninja-build g++ g++-powerpc-linux-gnu qemu-user libuv1 li
 FUZZ_SECONDS ?= 20
 CTEST := ctest --output-on-failure -j2
 
-.PHONY: all demo test asan-test clang-test ppc-test bench kill-test size size-builds size-check docs packages package-check fuzz install-check format-check clean
+.PHONY: all demo test asan-test clang-test ppc-test bench kill-test size size-builds size-check mutants docs packages package-check fuzz install-check format-check clean
 
 all: test
 
@@ -69,6 +70,10 @@ bench:
 	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DKL_BUILD_TESTS=OFF -DKL_BUILD_BENCH=ON
 	cmake --build build-release
 	@for b in build-release/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+mutants: build/build.ninja
+	cmake --build build
+	scripts/mutants build scripts/mutants.list
 
 kill-test: build/build.ninja
 	cmake --build build --target store_kill
