@@ -433,6 +433,24 @@ class ServicesTest : public testing::TempRootTest {
     return pid;
   }
 
+  // Runs kl-msg with `args` to its end: its first line on the error stream (empty when none
+  // came within 8 s) and its exit status (-1 when it did not exit normally).
+  std::pair<std::string, int> runMsg(const std::vector<std::string>& args) {
+    int err[2];
+    EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+    std::vector<std::string> argv = {KL_MSG_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const pid_t msg = launch(argv, 1, err[1]);
+    close(err[1]);
+    LineReader lines(err[0]);
+    std::string line;
+    if (!lines.next(&line, 8000)) kill(msg, SIGKILL);
+    int status = -1;
+    waitpid(msg, &status, 0);
+    close(err[0]);
+    return {line, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+  }
+
   // Starts kl-loader (with `loaderOptions`) and the test publisher as its service (with
   // `publisherOptions`), then the driver process, and waits until the publisher answers.
   bool startLoader(const std::vector<std::string>& loaderOptions = {},
@@ -794,18 +812,8 @@ TEST_F(ServicesTest, KlMsgListenReportsMissingHandlersAndDepartures) {
   ASSERT_TRUE(startLoader());
   const std::string missing[] = {std::to_string(kPublisherId) + "/99", "99"};
   for (const std::string& target : missing) {
-    int err[2];
-    ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
-    const pid_t msg = launch({KL_MSG_PATH, "listen", target}, 1, err[1]);
-    close(err[1]);
-    LineReader lines(err[0]);
-    std::string line;
-    ASSERT_TRUE(lines.next(&line, 8000)) << target;
-    EXPECT_EQ(line, "kl-msg: " + target + ": std failure: broken path (2)");
-    int status = -1;
-    waitpid(msg, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << target << ": " << status;
-    close(err[0]);
+    EXPECT_EQ(runMsg({"listen", target}),
+              std::make_pair("kl-msg: " + target + ": std failure: broken path (2)", 1));
   }
   int out[2];
   ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
@@ -832,21 +840,9 @@ TEST_F(ServicesTest, KlMsgListenReportsMissingHandlersAndDepartures) {
 TEST_F(ServicesTest, KlMsgCallTimeoutTakesFractions) {
   ASSERT_TRUE(startLoader());
   service(6);
-  int err[2];
-  ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
-  const pid_t msg =
-      launch({KL_MSG_PATH, "call", "--timeout", "0.2", "6/" + std::to_string(kAgentHandler),
-              "u32:SYS_CMD=CMD_GET", "u32:global(1)=60"},
-             1, err[1]);
-  close(err[1]);
-  LineReader lines(err[0]);
-  std::string line;
-  ASSERT_TRUE(lines.next(&line, 5000));
-  EXPECT_EQ(line, "kl-msg: no reply from 6/" + std::to_string(kAgentHandler) + " within 0.2 s");
-  int status = -1;
-  waitpid(msg, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << "status " << status;
-  close(err[0]);
+  const std::string target = "6/" + std::to_string(kAgentHandler);
+  EXPECT_EQ(runMsg({"call", "--timeout", "0.2", target, "u32:SYS_CMD=CMD_GET", "u32:global(1)=60"}),
+            std::make_pair("kl-msg: no reply from " + target + " within 0.2 s", 1));
 }
 
 // kl-msg serve stands in for a service: registered under the given id, it answers every
@@ -889,18 +885,8 @@ TEST_F(ServicesTest, KlMsgSaysNoLoaderListensOnAStaleSocket) {
   strncpy(addr.sun_path, path("/ram/kelosock").c_str(), sizeof addr.sun_path - 1);
   ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   close(stale);  // bound, never listening: as a killed loader leaves it
-  int err[2];
-  ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
-  const pid_t msg = launch({KL_MSG_PATH, "list"}, 1, err[1]);
-  close(err[1]);
-  LineReader lines(err[0]);
-  std::string line;
-  ASSERT_TRUE(lines.next(&line, 5000));
-  EXPECT_EQ(line, "kl-msg: no loader listening on " + path("/ram/kelosock"));
-  int status = -1;
-  waitpid(msg, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << "status " << status;
-  close(err[0]);
+  EXPECT_EQ(runMsg({"list"}),
+            std::make_pair("kl-msg: no loader listening on " + path("/ram/kelosock"), 1));
 }
 
 // --- kl-msg listen
