@@ -65,7 +65,7 @@ bool positionRejected(int err) {
 // spans pages can be cut between two of them by a kill, which would leave an overwritten
 // record half old and half new; one within a page is written whole or not at all.
 bool withinOnePage(unsigned offset, unsigned length) {
-  const unsigned long page = static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
+  static const unsigned long page = static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
   return offset / page == (0ul + offset + length - 1) / page;
 }
 
@@ -109,12 +109,22 @@ std::vector<unsigned> Store::ids() const {
 
 // --- the write lock -----------------------------------------------------------------------
 
-// The store keeps its lock file open and takes the record lock once for nested users, so an
-// operation costs the lock, an fstat that checks the file still has a name, and the unlock,
-// without an open and a close per write.
-Store::Lock::Lock(Store& store) : store_(store) {
-  if (store_.lockDepth_++ > 0) return;
-  lockStoreFile(store_.path_ + ".lock", &store_.lockFd_);
+// The store keeps its lock file open and takes the record lock once for nested users, so a
+// write through the open files costs the lock and the unlock, without an open and a close;
+// the name check (an fstat) is paid only where a deleted lock file could let two writers
+// reach the same named files (see the class comment).
+Store::Lock::Lock(Store& store, Reach reach) : store_(store) {
+  const bool outermost = store_.lockDepth_++ == 0;
+  const bool checkName = reach == Reach::kNames || store_.nameCheckDue_ || store_.lockFd_ < 0 ||
+                         store_.idxFd_ < 0 || store_.datFd_ < 0;
+  if (!outermost && (store_.lockChecked_ || !checkName)) return;
+  if (checkName) {
+    store_.lockChecked_ = lockStoreFile(store_.path_ + ".lock", &store_.lockFd_);
+    if (store_.lockChecked_) store_.nameCheckDue_ = false;
+  } else {
+    lockOpenStoreFile(store_.lockFd_);
+    store_.lockChecked_ = false;
+  }
 }
 
 Store::Lock::~Lock() {
@@ -129,6 +139,7 @@ bool Store::openIdx() {
   if (idxFd_ >= 0) return true;
   idxFd_ = open((path_ + ".idx").c_str(), O_RDWR);
   if (idxFd_ < 0) report("openIdx failed");
+  nameCheckDue_ = true;
   return idxFd_ >= 0;
 }
 
@@ -136,6 +147,7 @@ bool Store::openData() {
   if (datFd_ >= 0) return true;
   datFd_ = open((path_ + ".dat").c_str(), O_RDWR);
   if (datFd_ < 0) report("openData failed");
+  nameCheckDue_ = true;
   return datFd_ >= 0;
 }
 
@@ -327,7 +339,7 @@ bool Store::refused(const char* operation) const {
 
 bool Store::writeIndexent(unsigned id, Entry& e) {
   if (refused("writeIndexent")) return false;
-  Lock lock(*this);
+  Lock lock(*this, Reach::kOpenFiles);
   openIdx();
   unsigned char raw[kSlotSize];
   storefmt::storeSlot(raw, storefmt::Slot{id, e.length, e.age});
@@ -455,7 +467,7 @@ message Store::readMsg(unsigned offset) {
 // The header and the message go out in one system call.
 bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
   if (refused("writeMsg")) return false;
-  Lock lock(*this);
+  Lock lock(*this, Reach::kOpenFiles);
   if (!openData()) return false;
   unsigned char header[kRecordHeaderSize];
   storeLe16(header, static_cast<uint16_t>(bytes.size() + kRecordHeaderSize));
@@ -522,10 +534,11 @@ bool Store::place(Entry& e, unsigned needed) {
 
 void Store::set(unsigned id, const message& m) {
   if (refused("set")) return;
-  std::vector<unsigned char> bytes;
+  std::vector<unsigned char>& bytes = writeBuffer_;
+  if (bytes.capacity() > 4096) std::vector<unsigned char>().swap(bytes);  // one large message
   m.flatten(bytes);
   const unsigned needed = static_cast<unsigned>(bytes.size()) + kRecordHeaderSize;
-  Lock lock(*this);  // one lock over the slot and the record
+  Lock lock(*this, Reach::kOpenFiles);  // one lock over the slot and the record
   auto it = entries_.find(id);
   if (it != entries_.end()) {
     if (it->second.length >= needed && withinOnePage(it->second.offset, needed)) {

@@ -161,10 +161,17 @@ class Store {
   bool mapData(unsigned long long end);
   void unmapData();
 
-  // The inter-process write lock over <path>.lock, taken once however deeply nested.
+  // What a locked operation writes: only through the descriptors the store has open, or
+  // files it opens, creates, renames or unlinks by name.
+  enum class Reach { kOpenFiles, kNames };
+  // The inter-process write lock over <path>.lock, taken once however deeply nested. The
+  // lock is checked against the lock file's name (one fstat) when the operation reaches
+  // files by name, and on the first lock after the store opened a file by name; writes
+  // through descriptors opened since the last check skip it: should the files have been
+  // deleted meanwhile, those writes go to the store's old files and touch nobody else's.
   class Lock {
    public:
-    explicit Lock(Store& store);
+    explicit Lock(Store& store, Reach reach = Reach::kNames);
     ~Lock();
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
@@ -199,9 +206,12 @@ class Store {
   bool bigEndian_ = false;  // the files are still big-endian: read-only
   int lockFd_ = -1;
   int lockDepth_ = 0;
-  std::vector<unsigned char> readBuffer_;  // kept between reads
-  const unsigned char* map_ = nullptr;     // read-only view of the data file, or null
-  size_t mapLength_ = 0;                   // may reach past the end of the file
+  bool lockChecked_ = false;  // the lock held was checked against the lock file's name
+  bool nameCheckDue_ = true;  // a file was opened by name since the last checked lock
+  std::vector<unsigned char> writeBuffer_;  // kept between sets while small
+  std::vector<unsigned char> readBuffer_;   // kept between reads
+  const unsigned char* map_ = nullptr;      // read-only view of the data file, or null
+  size_t mapLength_ = 0;                    // may reach past the end of the file
 };
 
 }  // namespace kl

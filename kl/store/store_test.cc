@@ -953,12 +953,14 @@ TEST_F(StoreTest, WlockExcludesOtherProcesses) {
   close(ready[1]);
 }
 
-// The lock files are deleted (here by another process, which then locks the store anew)
-// after this store took its lock once: its next write must still wait for the other writer.
-TEST_F(StoreTest, WritersExcludeEachOtherAfterTheFilesWereDeleted) {
+// The store's files are deleted (here by another process, which then locks the store anew)
+// after this store had them open: its writes through the old descriptors reach only the
+// deleted files, but a compaction creates and renames files by name, so it must wait for
+// the other writer, and the files it leaves are the store's again.
+TEST_F(StoreTest, ACompactionAfterTheFilesWereDeletedWaitsForTheNewLock) {
   std::string err;
   std::unique_ptr<Store> s = openQuietly(&err);
-  s->set(1, sized(1, 20));  // the lock file is open and known
+  for (unsigned id = 1; id <= 3; ++id) s->set(id, sized(id, 20));  // steady state: no checks
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
   const std::string marks = root_ + "/marks";
@@ -978,7 +980,9 @@ TEST_F(StoreTest, WritersExcludeEachOtherAfterTheFilesWereDeleted) {
   }
   char c;
   ASSERT_EQ(read(ready[0], &c, 1), 1);
-  s->set(2, sized(2, 20));
+  s->set(4, sized(4, 20));  // into the deleted files, without waiting
+  EXPECT_NE(access((base() + ".idx").c_str(), F_OK), 0);
+  s->compact(false);
   std::ofstream(marks, std::ios::app) << "parent";
   int status;
   waitpid(child, &status, 0);
@@ -987,6 +991,10 @@ TEST_F(StoreTest, WritersExcludeEachOtherAfterTheFilesWereDeleted) {
             "child parent");
   close(ready[0]);
   close(ready[1]);
+  s.reset();
+  std::unique_ptr<Store> reopened = openQuietly(&err);
+  EXPECT_FALSE(reopened->restarted);
+  EXPECT_EQ(reopened->ids(), (std::vector<unsigned>{1, 2, 3, 4}));
 }
 
 // A writer killed at random moments (bench/store_kill runs hundreds of these and prints the

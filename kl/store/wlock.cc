@@ -56,6 +56,12 @@ bool lockStoreFile(const std::string& file, int* fd) {
   }
 }
 
+bool lockOpenStoreFile(int fd) {
+  if (setLock(fd, F_WRLCK)) return true;
+  report("lock fnctl failed");
+  return false;
+}
+
 bool unlockStoreFile(int fd) {
   if (setLock(fd, F_UNLCK)) return true;
   report("unlock fnctl failed");

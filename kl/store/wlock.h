@@ -32,6 +32,11 @@ class Wlock {
 // the name (it was deleted meanwhile), *fd is closed and the lock taken on the named file.
 // False after a "STORE: lock ..." line; the caller then goes on unlocked.
 bool lockStoreFile(const std::string& file, int* fd);
+// Takes the write lock on the open lock file fd, waiting until it is granted, without the
+// check of the name: for writes through descriptors opened under a lock that was checked,
+// which reach nobody else's files even when the lock file was deleted since. False after
+// "STORE: lock fnctl failed".
+bool lockOpenStoreFile(int fd);
 // Releases the lock on fd; false after "STORE: unlock fnctl failed".
 bool unlockStoreFile(int fd);
 
