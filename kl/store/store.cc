@@ -50,10 +50,11 @@ bool writeFully(int fd, const void* buf, size_t n) {
   return true;
 }
 
-// Unlinks `file` and creates it empty (0600); the new descriptor, or -1.
+// Unlinks `file` and creates it empty (0600); the new descriptor, or -1. Should the unlink
+// fail, the file is emptied all the same.
 int recreate(const std::string& file) {
   unlink(file.c_str());
-  return open(file.c_str(), O_RDWR | O_CREAT, 0600);
+  return open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
 }
 
 // Whether a failed pread or pwrite failed at its position (what a seek would have reported).
@@ -84,11 +85,30 @@ Store::Store(const std::string& path, unsigned defaultAge)
     mkdir(path_.substr(0, k).c_str(), 0700);
   }
   finishRewrite();
+  readFailed_ = false;
   if (!readIndex(false)) {
+    if (readFailed_) {
+      loaded_ = false;  // read again by the next operation: an I/O error wipes nothing
+      return;
+    }
     restarted = true;
     restart();
   }
   checkForBloat();
+}
+
+// The constructor's reading of the index, again, when an I/O error kept it from reading
+// (see loaded_). Files found to disagree are wiped then, as the constructor would have.
+bool Store::ensureLoaded() {
+  if (loaded_) return true;
+  readFailed_ = false;
+  if (!readIndex(false)) {
+    if (readFailed_) return false;
+    restart();
+  }
+  loaded_ = true;
+  checkForBloat();
+  return true;
 }
 
 Store::~Store() {
@@ -138,7 +158,10 @@ Store::Lock::~Lock() {
 bool Store::openIdx() {
   if (idxFd_ >= 0) return true;
   idxFd_ = open((path_ + ".idx").c_str(), O_RDWR);
-  if (idxFd_ < 0) report("openIdx failed");
+  if (idxFd_ < 0) {
+    readFailed_ = errno != ENOENT;
+    report("openIdx failed");
+  }
   nameCheckDue_ = true;
   return idxFd_ >= 0;
 }
@@ -216,6 +239,7 @@ bool Store::readIndex(bool swapped) {
   if (!loadSlots(swapped)) return false;
   struct stat st;
   if (stat((path_ + ".dat").c_str(), &st) != 0) {
+    readFailed_ = errno != ENOENT;
     report("readIndex stat failed");
     return false;
   }
@@ -244,6 +268,7 @@ bool Store::readIndex(bool swapped) {
 // Reads the index from its start into the in-memory state; false after a line on a failure.
 bool Store::loadSlots(bool swapped) {
   if (lseek(idxFd_, 0, SEEK_SET) < 0) {
+    readFailed_ = true;
     report("readIndex lseek failed");
     return false;
   }
@@ -251,6 +276,7 @@ bool Store::loadSlots(bool swapped) {
     unsigned char raw[kSlotSize];
     const ssize_t n = readFully(idxFd_, raw, kSlotSize);
     if (n < 0) {
+      readFailed_ = true;
       report("readIndex read failed");
       return false;
     }
@@ -280,13 +306,15 @@ bool Store::loadSlots(bool swapped) {
 bool Store::recoverInterruptedWrite() {
   Lock lock(*this);
   std::vector<storefmt::Slot> slots;
-  if (lseek(idxFd_, 0, SEEK_SET) < 0) return false;
-  for (unsigned char raw[kSlotSize];
-       readFully(idxFd_, raw, kSlotSize) == static_cast<ssize_t>(kSlotSize);) {
+  if (lseek(idxFd_, 0, SEEK_SET) < 0) return !(readFailed_ = true);
+  unsigned char raw[kSlotSize];
+  ssize_t n;
+  while ((n = readFully(idxFd_, raw, kSlotSize)) == static_cast<ssize_t>(kSlotSize)) {
     slots.push_back(storefmt::loadSlot(raw, false));
   }
+  if (n < 0) return !(readFailed_ = true);
   const int dat = open((path_ + ".dat").c_str(), O_RDWR);
-  if (dat < 0) return false;
+  if (dat < 0) return !(readFailed_ = true);
   const bool repaired = repairShortDataFile(dat, slots);
   close(dat);
   return repaired;
@@ -295,7 +323,7 @@ bool Store::recoverInterruptedWrite() {
 // The step of recoverInterruptedWrite that reads the data file and changes both files.
 bool Store::repairShortDataFile(int dat, std::vector<storefmt::Slot>& slots) {
   struct stat st;
-  if (fstat(dat, &st) != 0) return false;
+  if (fstat(dat, &st) != 0) return !(readFailed_ = true);
   const unsigned long long fileSize = static_cast<unsigned long long>(st.st_size);
   unsigned long long offset = 0;
   bool lastCut = false;
@@ -303,8 +331,9 @@ bool Store::repairShortDataFile(int dat, std::vector<storefmt::Slot>& slots) {
     const unsigned long long end = offset + slots[k].length;
     if (end <= fileSize || slots[k].id == kFreeId) continue;
     unsigned char header[kRecordHeaderSize];
-    const bool whole = pread(dat, header, kRecordHeaderSize, static_cast<off_t>(offset)) ==
-                           static_cast<ssize_t>(kRecordHeaderSize) &&
+    const ssize_t got = pread(dat, header, kRecordHeaderSize, static_cast<off_t>(offset));
+    if (got < 0) return !(readFailed_ = true);
+    const bool whole = got == static_cast<ssize_t>(kRecordHeaderSize) &&
                        loadLe16(header) >= kRecordHeaderSize &&
                        loadLe16(header) <= slots[k].length && offset + loadLe16(header) <= fileSize;
     if (whole) continue;
@@ -319,7 +348,7 @@ bool Store::repairShortDataFile(int dat, std::vector<storefmt::Slot>& slots) {
   }
   if (ftruncate(idxFd_, static_cast<off_t>(slots.size()) * kSlotSize) != 0 ||
       ftruncate(dat, static_cast<off_t>(offset)) != 0) {
-    return false;
+    return !(readFailed_ = true);
   }
   if (lastCut) {
     fprintf(diagnosticStream(), "STORE: readIndex recovered an interrupted write of id %u\n", lost);
@@ -488,6 +517,7 @@ bool Store::writeMsg(unsigned offset, const std::vector<unsigned char>& bytes) {
 // --- operations -----------------------------------------------------------------------------
 
 message Store::get(unsigned id) {
+  if (!ensureLoaded()) return message();
   auto it = entries_.find(id);
   if (it == entries_.end()) return message();
   const Entry& e = it->second;
@@ -533,7 +563,7 @@ bool Store::place(Entry& e, unsigned needed) {
 }
 
 void Store::set(unsigned id, const message& m) {
-  if (refused("set")) return;
+  if (refused("set") || !ensureLoaded()) return;
   std::vector<unsigned char>& bytes = writeBuffer_;
   if (bytes.capacity() > 4096) std::vector<unsigned char>().swap(bytes);  // one large message
   m.flatten(bytes);
@@ -542,7 +572,12 @@ void Store::set(unsigned id, const message& m) {
   auto it = entries_.find(id);
   if (it != entries_.end()) {
     if (it->second.length >= needed && withinOnePage(it->second.offset, needed)) {
-      writeMsg(it->second.offset, bytes);  // the slot already describes the extent
+      // The slot already describes the extent. A record the write may have left half
+      // written must not be read as the id's value: the id goes, as a failed set loses it.
+      if (!writeMsg(it->second.offset, bytes)) {
+        freeExtent(it->second, false);
+        entries_.erase(it);
+      }
       return;
     }
     freeExtent(it->second, false);
@@ -569,7 +604,7 @@ void Store::set(unsigned id, const message& m) {
 }
 
 bool Store::remove(unsigned id) {
-  if (refused("remove")) return false;
+  if (refused("remove") || !ensureLoaded()) return false;
   auto it = entries_.find(id);
   if (it == entries_.end()) return false;
   freeExtent(it->second, true);
@@ -579,7 +614,7 @@ bool Store::remove(unsigned id) {
 }
 
 void Store::touch(unsigned id, unsigned age) {
-  if (refused("touch")) return;
+  if (refused("touch") || !ensureLoaded()) return;
   auto it = entries_.find(id);
   if (it == entries_.end()) return;
   it->second.age = age;
@@ -589,7 +624,7 @@ void Store::touch(unsigned id, unsigned age) {
 // The walk goes on from the id after the current one rather than from an iterator: a
 // removal may compact the store, and a compaction that fails may clear the whole map.
 void Store::age() {
-  if (refused("age")) return;
+  if (refused("age") || !ensureLoaded()) return;
   for (auto it = entries_.begin(); it != entries_.end();) {
     const unsigned id = it->first;
     if (it->second.age > 1) {
@@ -613,10 +648,12 @@ void Store::flush() {
   }
 }
 
+// A failed fsync may have lost what was written since the last one: it is said.
 void Store::doFlush() {
   flushTimer_ = TimerPtr();
-  fsync(idxFd_);
-  fsync(datFd_);
+  const bool idxSynced = idxFd_ < 0 || fsync(idxFd_) == 0;
+  const bool datSynced = datFd_ < 0 || fsync(datFd_) == 0;
+  if (!idxSynced || !datSynced) report("doFlush fsync failed");
 }
 
 bool Store::bloated() const { return freeBytes_ > (dataSize_ >> 3) && freeCount_ > 8; }
@@ -700,6 +737,7 @@ bool Store::rewrite(bool swapped) {
 }
 
 void Store::compact(bool swapped) {
+  if (!ensureLoaded()) return;
   if (rewrite(swapped || bigEndian_)) bigEndian_ = false;
 }
 

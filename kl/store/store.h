@@ -26,6 +26,12 @@
 // compaction or conversion interrupted by a kill is undone or finished on opening, so the store
 // opens as the old pair or the new one. Failures print one "STORE: " line on the error stream.
 //
+// An I/O error is not a disagreement: a store whose files could not be read when it opened
+// (a failing flash, no descriptors left) keeps them, starts empty in memory and reads them
+// again at the next operation, which goes ahead once they can be read. A failed write
+// loses the message it wrote, a replacement written in place included (the id is then
+// unknown), never another id's; a failed fsync prints "STORE: doFlush fsync failed".
+//
 // Files in the big-endian form are converted to the little-endian form when the store opens.
 // Should the conversion fail (no room for the new files, a full flash), the big-endian files
 // stay as they are and the store is read-only (`readOnly()`): every message can be read,
@@ -150,6 +156,7 @@ class Store {
   // file it first had to cover, so that a growing file is seldom mapped again.
   static constexpr unsigned long long kMinMapLength = 1 << 20;
 
+  bool ensureLoaded();
   bool bloated() const;
   bool loadSlots(bool swapped);
   bool recoverInterruptedWrite();
@@ -203,7 +210,9 @@ class Store {
   unsigned defaultAge_;
   TimerPtr compactTimer_;
   TimerPtr flushTimer_;
-  bool bigEndian_ = false;  // the files are still big-endian: read-only
+  bool bigEndian_ = false;   // the files are still big-endian: read-only
+  bool loaded_ = true;       // the in-memory state mirrors the files
+  bool readFailed_ = false;  // the last reading of the files failed on an I/O error
   int lockFd_ = -1;
   int lockDepth_ = 0;
   bool lockChecked_ = false;  // the lock held was checked against the lock file's name
