@@ -268,6 +268,7 @@ void FrameWriter::waitWritable() {
 }
 
 bool FrameWriter::flush(FlushMode mode) {
+  if (mode == kTry && full_) return queue_.empty();
   iovec iov[kMaxFramesPerWrite];
   while (!queue_.empty() && !failed_) {
     int count = 0;
@@ -295,7 +296,10 @@ bool FrameWriter::flush(FlushMode mode) {
       fail(FrameFailure::kFlushError, static_cast<long>(n), errno);
       break;
     }
-    if (mode == kTry) return false;
+    if (mode == kTry) {
+      full_ = true;
+      return false;
+    }
     if (mode == kBlock) waitWritable();
   }
   return queue_.empty();

@@ -132,7 +132,8 @@ class FrameWriter {
   enum FlushMode {
     kBlock,  // poll for writability without limit, then write again
     kSpin,   // start the pass over at once (busy)
-    kTry,    // return; the rest stays queued
+    kTry,    // return; the rest stays queued, and later kTry flushes return at once
+             // (no system call) until writable() says the socket has room again
   };
 
   // `fd` is a non-blocking stream socket (or -1 until setFd); the writer does not own it.
@@ -150,6 +151,8 @@ class FrameWriter {
   uint32_t queueFrame(std::unique_ptr<unsigned char[]> frame, uint32_t length);
   // Writes the queue out. True when it is empty afterwards.
   bool flush(FlushMode mode);
+  // The socket has room again (its owner's poll reported POLLOUT): kTry writes again.
+  void writable() { full_ = false; }
   // Writes `length` bytes directly, bypassing the queue, waiting for room as needed.
   void writeRaw(const unsigned char* data, size_t length);
 
@@ -172,6 +175,9 @@ class FrameWriter {
   void* ctx_;
   FrameFailureFn onFailure_;
   bool failed_ = false;
+  // A kTry flush found the socket full: the next ones would only build the same write and
+  // have it refused, a cost that grows with the queue, for every frame queued behind it.
+  bool full_ = false;
   std::list<WriteItem> queue_;
   uint32_t items_ = 0;
   uint32_t bytes_ = 0;

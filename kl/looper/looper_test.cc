@@ -478,6 +478,12 @@ TEST(FrameWriterTest, PartialWritesKeepTheCountsAndTheFrames) {
     const ssize_t n = read(fds[1], chunk, sizeof chunk);
     ASSERT_GT(n, 0);
     received.insert(received.end(), chunk, chunk + n);
+    // Until told the socket has room, a try writes nothing: no write for every frame
+    // queued behind a full socket.
+    const uint32_t waiting = writer.bytes();
+    EXPECT_FALSE(writer.flush(FrameWriter::kTry));
+    EXPECT_EQ(writer.bytes(), waiting);
+    writer.writable();
   }
   EXPECT_GT(partialPasses, 2);
   EXPECT_EQ(writer.items(), 0u);

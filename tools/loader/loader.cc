@@ -312,7 +312,10 @@ void Loader::onConnCb(void* self, int, unsigned int events) {
 }
 
 void Loader::onConn(Conn& conn, unsigned int events) {
-  if (events & POLLOUT) flushConn(conn);
+  if (events & POLLOUT) {
+    conn.writer.writable();
+    flushConn(conn);
+  }
   if (events & (POLLIN | POLLHUP | POLLERR)) serveFrames(conn, (events & (POLLHUP | POLLERR)) != 0);
   if (!conn.dead) watchEvents(conn);
   reapDead();
