@@ -25,7 +25,7 @@ void TimerPool::addBlock() {
 namespace {
 
 // Position of an expiry on the comparison line that starts one span before the reference.
-inline uint32_t key(const TimerInfo* t, uint32_t base) { return t->expiry - base; }
+inline uint32_t key(uint32_t expiry, uint32_t base) { return expiry - base; }
 
 }  // namespace
 
@@ -35,14 +35,14 @@ inline uint32_t key(const TimerInfo* t, uint32_t base) { return t->expiry - base
 // order that services observe.
 void TimerHeap::placeTimerInHeap(TimerInfo* t, uint32_t slot, uint32_t ref) {
   const uint32_t base = ref - kTickSpan;
-  const uint32_t mine = key(t, base);
+  const uint32_t mine = key(t->expiry, base);
   if (slot > 0) {
-    const TimerInfo* parent = heap_[(slot - 1) / 2];
-    if (parent->expiry != t->expiry && key(parent, base) > mine) {
+    const uint32_t parent = heap_[(slot - 1) / 2].expiry;
+    if (parent != t->expiry && key(parent, base) > mine) {
       while (slot > 0) {
         const uint32_t up = (slot - 1) / 2;
-        if (key(heap_[up], base) <= mine) break;
-        put(heap_[up], slot);
+        if (key(heap_[up].expiry, base) <= mine) break;
+        move(up, slot);
         slot = up;
       }
       put(t, slot);
@@ -54,14 +54,15 @@ void TimerHeap::placeTimerInHeap(TimerInfo* t, uint32_t slot, uint32_t ref) {
     while (2 * slot + 2 <= last) {
       const uint32_t left = 2 * slot + 1;
       const uint32_t right = left + 1;
-      const uint32_t child = key(heap_[right], base) <= key(heap_[left], base) ? right : left;
-      if (heap_[child]->expiry != t->expiry && mine < key(heap_[child], base)) break;
-      put(heap_[child], slot);
+      const uint32_t child =
+          key(heap_[right].expiry, base) <= key(heap_[left].expiry, base) ? right : left;
+      if (heap_[child].expiry != t->expiry && mine < key(heap_[child].expiry, base)) break;
+      move(child, slot);
       slot = child;
     }
     const uint32_t left = 2 * slot + 1;
-    if (left == last && key(heap_[left], base) < mine) {
-      put(heap_[left], slot);
+    if (left == last && key(heap_[left].expiry, base) < mine) {
+      move(left, slot);
       slot = left;
     }
   }
@@ -70,12 +71,12 @@ void TimerHeap::placeTimerInHeap(TimerInfo* t, uint32_t slot, uint32_t ref) {
 
 void TimerHeap::addTimerToHeap(TimerInfo* t, uint32_t now) {
   ref_ = now;
-  heap_.push_back(nullptr);
+  heap_.push_back(Entry{0, nullptr});
   placeTimerInHeap(t, static_cast<uint32_t>(heap_.size()) - 1, now);
 }
 
 void TimerHeap::removeTimer(TimerInfo* t) {
-  TimerInfo* last = heap_.back();
+  TimerInfo* last = heap_.back().timer;
   heap_.pop_back();
   if (!heap_.empty() && last != t) placeTimerInHeap(last, t->index, ref_);
 }
