@@ -3,7 +3,8 @@
 // rising row instead of hiding in one total. Every benchmark reports per_unit_ns, its
 // measured time divided by the units it handled; after the runs one table gives each row's
 // best figure per count and the ratio of its largest to its smallest figure (the goal is
-// at most 2).
+// at most 2); a second table gives what each further unit costs between two counts, where
+// costs paid once per run (a round trip, an fsync) drop out.
 //   a. fan-out: Handler::sendNotify of one change to N subscribers; per subscriber. The
 //      handler's connection is a counter of the frames it is given.
 //   b. get-all: N objects fetched from a service process through kl-loader, by AsyncGetall
@@ -641,6 +642,7 @@ struct Row {
   const char* benchmark;  // the registered name
   const char* counter;    // the counter it reports the row in
   const char* label;      // the row of the table
+  bool perCount = true;   // the unit is one of the N counted (not so for the round trip)
 };
 
 const Row kRows[] = {
@@ -655,7 +657,7 @@ const Row kRows[] = {
     {"d_timers_cancel", kPerUnit, "d timers arm+cancel / timer"},
     {"e_pending", kPerUnitPost, "e requests post / request"},
     {"e_pending", kPerUnit, "e requests post+reply / request"},
-    {"f_roundtrip", kPerUnit, "f loader round trip (N others)"},
+    {"f_roundtrip", kPerUnit, "f loader round trip (N others)", false},
     {"g_decode", kPerUnit, "g message decode / field"},
     {"g_equal", kPerUnit, "g message == / field"},
     {"g_merge", kPerUnit, "g message merge / field"},
@@ -760,6 +762,37 @@ class TableReporter : public benchmark::ConsoleReporter {
       printf(" %7.1fx%s\n", low > 0 ? high / low : 0.0, low > 0 && high > 2 * low ? " !" : "");
     }
     printf("(! : above the goal of 2)\n");
+    printMarginalTable(counts);
+  }
+
+  // What each further unit costs: (T(N) - T(N/10)) / (N - N/10), T being the whole run's
+  // time. Costs paid once per run (a round trip, an fsync, opening a file) drop out, so a
+  // row that is flat here costs the same for its ten-thousandth unit as for its tenth.
+  void printMarginalTable(const std::vector<int64_t>& counts) const {
+    printf("\nns per further unit between N/10 and N\n%-34s", "");
+    for (size_t i = 1; i < counts.size(); ++i) printf(" %9s", countName(counts[i]).c_str());
+    printf(" %8s\n", "max/min");
+    for (const Row& row : kRows) {
+      auto it = best_.find(Key{row.benchmark, row.counter});
+      if (!row.perCount || it == best_.end()) continue;
+      printf("%-34s", row.label);
+      double low = 0, high = 0;
+      for (size_t i = 1; i < counts.size(); ++i) {
+        auto cell = it->second.find(counts[i]);
+        auto before = it->second.find(counts[i - 1]);
+        if (cell == it->second.end() || before == it->second.end()) {
+          printf(" %9s", "-");
+          continue;
+        }
+        const double extra = (cell->second * counts[i] - before->second * counts[i - 1]) /
+                             static_cast<double>(counts[i] - counts[i - 1]);
+        printf(" %9s", figure(extra).c_str());
+        if (extra <= 0) continue;
+        low = low == 0 ? extra : std::min(low, extra);
+        high = std::max(high, extra);
+      }
+      printf(" %7.1fx%s\n", low > 0 ? high / low : 0.0, low > 0 && high > 2 * low ? " !" : "");
+    }
   }
 
  private:
