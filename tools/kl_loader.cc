@@ -25,6 +25,8 @@ const char kUsage[] =
     "  --idle-leave SECS    ask a started service that offers to leave (a leave value) to\n"
     "                       leave after SECS seconds without traffic; it is started again\n"
     "                       when a message arrives for it, with its persistent data\n"
+    "  --wrapper COMMAND    start every SERVICE through COMMAND (split as SERVICE is), for\n"
+    "                       example an emulator: --wrapper 'qemu-ppc -L /usr/powerpc-linux-gnu'\n"
     "  --help               this text\n"
     "\n"
     "Handler id 1 is the loader: `kl-msg list` shows its processes; a request to 1 with\n"
@@ -63,6 +65,11 @@ int main(int argc, char** argv) {
       return 0;
     } else if (arg == "--trace") {
       options.trace = true;
+    } else if (arg == "--wrapper") {
+      if (i + 1 >= argc) return usageError(arg + " needs a value");
+      if (!kl::loader::splitCommandLine(argv[++i], &options.wrapper) || options.wrapper.empty()) {
+        return usageError(std::string("bad --wrapper value '") + argv[i] + "'");
+      }
     } else if (arg == "--policy" || arg == "--idle-leave") {
       if (i + 1 >= argc) return usageError(arg + " needs a value");
       const std::string value = argv[++i];

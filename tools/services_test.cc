@@ -414,6 +414,15 @@ class ServicesTest : public testing::TempRootTest {
     return text.str();
   }
 
+  // The command that runs this build's programs (an emulator in a cross build), in words;
+  // none on the host.
+  static std::vector<std::string> emulator() {
+    std::istringstream text(KL_EMULATOR);
+    std::vector<std::string> words;
+    for (std::string word; text >> word;) words.push_back(word);
+    return words;
+  }
+
   // Runs `argv` as a child under this root with standard output on `outFd` and standard
   // error on `errFd`. The child ends with the test.
   pid_t launch(const std::vector<std::string>& argv, int outFd, int errFd) {
@@ -424,10 +433,12 @@ class ServicesTest : public testing::TempRootTest {
       prctl(PR_SET_PDEATHSIG, SIGTERM);
       dup2(outFd, 1);
       dup2(errFd, 2);
+      std::vector<std::string> words = emulator();
+      words.insert(words.end(), argv.begin(), argv.end());
       std::vector<char*> args;
-      for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+      for (const std::string& arg : words) args.push_back(const_cast<char*>(arg.c_str()));
       args.push_back(nullptr);
-      execv(args[0], args.data());
+      execvp(args[0], args.data());
       _exit(127);
     }
     return pid;
@@ -457,6 +468,7 @@ class ServicesTest : public testing::TempRootTest {
                    const std::string& publisherOptions = "") {
     std::vector<std::string> argv = {KL_LOADER_PATH};
     argv.insert(argv.end(), loaderOptions.begin(), loaderOptions.end());
+    if (!emulator().empty()) argv.insert(argv.end(), {"--wrapper", KL_EMULATOR});
     argv.push_back(std::string(KL_TEST_PUBLISHER_PATH) + " " + publisherOptions);
     const int log =
         open(path("/loader.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);

@@ -256,6 +256,7 @@ bool Loader::startService(const std::vector<std::string>& command) {
     if (out[1] >= 0) dup2(out[1], 1);
     if (err[1] >= 0) dup2(err[1], 2);
     std::vector<char*> argv;
+    for (const std::string& arg : options_.wrapper) argv.push_back(const_cast<char*>(arg.c_str()));
     for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
     signal(SIGPIPE, SIG_DFL);

@@ -85,6 +85,7 @@ struct Options {
   unsigned int registerWarnSeconds = 20;  // a started service not registered by then is named
   std::map<unsigned int, unsigned int> policies;   // process id -> SYS_POLICY bits
   std::vector<std::vector<std::string>> services;  // command lines to start
+  std::vector<std::string> wrapper;                // words put before every service's command line
 };
 
 class Loader {
