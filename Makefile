@@ -10,6 +10,8 @@
 #   make ppc-test    cross-build for 32-bit big-endian PowerPC, all tests under qemu-ppc
 #   make bench       Release build, all benchmarks
 #   make kill-test   the store's kill figures (a writer SIGKILLed hundreds of times; slow)
+#   make soak        the example services under kl-loader with mixed traffic for MINUTES
+#                    (default 10), every process's memory watched
 #   make mutants     one-line faults planted in kl/ one at a time, the tests run on each (slow)
 #   make size        the library's footprint on both targets, beside peer libraries
 #   make size-check  the same, failing when it passes the budget in cmake/size-budget
@@ -33,7 +35,7 @@ SIZE_PACKAGES := cmake ninja-build g++ g++-powerpc-linux-gnu qemu-user libuv1 li
 FUZZ_SECONDS ?= 20
 CTEST := ctest --output-on-failure -j2
 
-.PHONY: all demo test asan-test coverage clang-test ppc-test bench kill-test size size-builds size-check mutants docs packages package-check fuzz install-check format-check clean
+.PHONY: soak all demo test asan-test coverage clang-test ppc-test bench kill-test size size-builds size-check mutants docs packages package-check fuzz install-check format-check clean
 
 all: test
 
@@ -100,6 +102,12 @@ bench:
 mutants: build/build.ninja
 	cmake --build build
 	scripts/mutants build scripts/mutants.list
+
+MINUTES ?= 10
+soak: build/build.ninja
+	cmake --build build --target kl_soak kl-loader objects_service watcher_service
+	build/tools/kl_soak $(MINUTES) build/tools/kl-loader build/examples/objects_service \
+	  build/examples/watcher_service
 
 kill-test: build/build.ninja
 	cmake --build build --target store_kill
