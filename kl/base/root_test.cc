@@ -56,5 +56,22 @@ TEST(RootDeathTest, BufferTooSmallGivesEmptyString) {
   EXPECT_EXIT(tooSmallInChild(), ::testing::ExitedWithCode(0), "");
 }
 
+// A buffer of exactly the joined path's length and its terminator takes it, and not one
+// byte is written past it.
+void exactFitInChild() {
+  setenv("KL_ROOT", "/tmp/dev", 1);
+  struct {
+    char buf[sizeof "/tmp/dev/dev/log244"];
+    char after;
+  } room;
+  room.after = 'x';
+  const bool fits = rootedPath("/dev/log244", room.buf, sizeof room.buf);
+  exit(fits && std::string(room.buf) == "/tmp/dev/dev/log244" && room.after == 'x' ? 0 : 1);
+}
+
+TEST(RootDeathTest, ABufferOfExactlyThePathsLengthTakesIt) {
+  EXPECT_EXIT(exactFitInChild(), ::testing::ExitedWithCode(0), "");
+}
+
 }  // namespace
 }  // namespace kl

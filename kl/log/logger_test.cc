@@ -318,7 +318,10 @@ TEST_F(LogTest, ADirectConnectKeepsMutes) {
     deliver();
     ASSERT_TRUE(one.isMuted());
     const int old = Logger::getLogger()->socket();
+    ::testing::internal::CaptureStderr();
     Logger::getLogger()->connectToLog();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << "a connection that worked";
+    EXPECT_NE(fcntl(Logger::getLogger()->socket(), F_GETFL) & O_NONBLOCK, 0);
     EXPECT_NE(Logger::getLogger()->socket(), -1);
     EXPECT_NE(Logger::getLogger()->socket(), old);
     EXPECT_NE(fcntl(old, F_GETFD), -1) << "the old descriptor was closed";

@@ -39,6 +39,16 @@ class Recorder : public Handler {
     return message();
   }
   unsigned int getObjectCount() override { return objectCount_; }
+  // The object commands answer with their name and the object's id.
+  message cmdGetObj(const message&, unsigned int id) override { return named("get", id); }
+  message cmdSetObj(const message&, unsigned int id) override { return named("set", id); }
+  message cmdRemoveObj(const message&, unsigned int id) override { return named("remove", id); }
+  message cmdMoveObj(const message&, unsigned int id) override { return named("move", id); }
+  static message named(const char* what, unsigned int id) {
+    message r;
+    r.insert_string(STD_DESCR, what + std::string(" ") + std::to_string(id));
+    return r;
+  }
   void handleBrkpath(const message& m) override { brkpaths_.push_back(m); }
   void handleCmd(const message& m, unsigned int cmd) override {
     seen_.push_back(m);
@@ -109,7 +119,6 @@ TEST_F(LooperTest, StandardCommandDefaults) {
       {CMD_NOOP, false, 0},
       {CMD_SET, false, ERROR_NOTIMP},
       {CMD_GETOBJ, false, ERROR_UNKNOWNID},
-      {CMD_GETOBJ, true, ERROR_NOTIMP},
       {CMD_SETOBJ, false, ERROR_UNKNOWNID},
       {CMD_REMOVEOBJ, false, ERROR_UNKNOWNID},
       {CMD_MOVEOBJ, false, ERROR_UNKNOWNID},
@@ -127,6 +136,23 @@ TEST_F(LooperTest, StandardCommandDefaults) {
     const message reply = ask({5}, c.cmd, body);
     EXPECT_EQ(errorCode(reply), c.error);
     EXPECT_FALSE(reply.has_array(STD_OBJS));
+  }
+}
+
+// Each object command reaches its own operation with the object's id (STD_ID).
+TEST_F(LooperTest, ObjectCommandsReachTheirOperations) {
+  const struct {
+    unsigned int cmd;
+    const char* answer;
+  } cases[] = {{CMD_GETOBJ, "get 3"},
+               {CMD_SETOBJ, "set 3"},
+               {CMD_REMOVEOBJ, "remove 3"},
+               {CMD_MOVEOBJ, "move 3"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.answer);
+    message body;
+    body.insert(STD_ID, 3);
+    EXPECT_EQ(ask({5}, c.cmd, body).get_string(STD_DESCR, ""), c.answer);
   }
 }
 
