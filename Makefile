@@ -71,7 +71,7 @@ coverage:
 	@rm -rf $(COVERAGE_DIR) && mkdir -p $(COVERAGE_DIR)
 	cd build-coverage && GCOV_ERROR_FILE=$(CURDIR)/$(COVERAGE_DIR)/gcov-errors.txt $(CTEST)
 	gcovr --root . --filter kl/ --filter tools/ --exclude '.*_test[^/]*$$' --exclude kl/testing/ \
-	  --exclude 'tools/loader/test_publisher\.' --exclude-throw-branches \
+	  --exclude 'tools/loader/test_publisher\.' --exclude 'tools/soak\.cc' --exclude-throw-branches \
 	  --exclude-unreachable-branches -j 2 --json-summary $(COVERAGE_DIR)/summary.json \
 	  --html-details $(COVERAGE_DIR)/index.html --html-title 'kl coverage' build-coverage
 	@scripts/coverage-report $(COVERAGE_DIR)/summary.json
