@@ -43,10 +43,37 @@ constexpr unsigned int kLoaderCmdLeave = 0xfd0001;  // kl-loader's own command o
 constexpr uint32_t kProcessPidField = 0x08000001;   // in kl-loader's process list
 constexpr unsigned int kSelf = 0xFFFFFFFF;          // this process in the memory table
 
-// One process's resident memory over time: (seconds since the start, KiB).
+// One process's resident memory over its life, kept as running sums so that watching
+// costs the watcher no memory that grows: its first sample, its sample a minute in, its
+// latest, and the least-squares sums of the samples from that minute on.
 struct Series {
-  unsigned int processId;  // the loader's id, 0 for the loader itself
-  std::vector<std::pair<double, long>> samples;
+  unsigned int processId = 0;  // the loader's id, 0 for the loader itself
+  double firstSeconds = -1;    // seconds since the start of the run
+  double settledSeconds = -1;  // of the first sample a minute into the process's life
+  long atMinute = 0;           // KiB then
+  double lastSeconds = 0;
+  long last = 0;
+  double n = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;  // of the samples from the minute on
+
+  void add(double seconds, long kib) {
+    if (firstSeconds < 0) firstSeconds = seconds;
+    lastSeconds = seconds;
+    last = kib;
+    if (seconds - firstSeconds < 60) return;
+    if (settledSeconds < 0) {
+      settledSeconds = seconds;
+      atMinute = kib;
+    }
+    n += 1;
+    sx += seconds;
+    sy += static_cast<double>(kib);
+    sxx += seconds * seconds;
+    sxy += seconds * static_cast<double>(kib);
+  }
+  double slopePerMinute() const {
+    const double d = n * sxx - sx * sx;
+    return d > 0 ? 60 * (n * sxy - sx * sy) / d : 0;
+  }
 };
 
 long residentKib(pid_t pid) {
@@ -93,25 +120,16 @@ class Soak : public kl::Looper {
       const std::string name = s.processId == 0       ? "loader"
                                : s.processId == kSelf ? "soak"
                                                       : std::to_string(s.processId);
-      if (s.samples.empty()) continue;
-      const double first = s.samples.front().first;
-      const double life = s.samples.back().first - first;
-      // From the first sample a minute into the process's life.
-      std::vector<std::pair<double, long>> settled;
-      for (const auto& sample : s.samples) {
-        if (sample.first - first >= 60) settled.push_back(sample);
-      }
-      if (settled.size() < 2) {
+      const double life = s.lastSeconds - s.firstSeconds;
+      if (s.n < 2) {
         printf("%-9s %-7d %8.0f %10s %10ld %10s %12s\n", name.c_str(), entry.first, life, "-",
-               s.samples.back().second, "-", "-");
+               s.last, "-", "-");
         continue;
       }
-      const long atMinute = settled.front().second;
-      const long atEnd = settled.back().second;
-      const double growth = atMinute > 0 ? 100.0 * (atEnd - atMinute) / atMinute : 0;
+      const double growth = s.atMinute > 0 ? 100.0 * (s.last - s.atMinute) / s.atMinute : 0;
       printf("%-9s %-7d %8.0f %10ld %10ld %9.2f%% %12.2f\n", name.c_str(), entry.first, life,
-             atMinute, atEnd, growth, slopePerMinute(settled));
-      const bool judged = settled.back().first - settled.front().first >= 20;
+             s.atMinute, s.last, growth, s.slopePerMinute());
+      const bool judged = s.lastSeconds - s.settledSeconds >= 20;
       if (judged && growth > 1.0) ok = false;
     }
     return ok;
@@ -136,19 +154,6 @@ class Soak : public kl::Looper {
 
   double elapsedSeconds() const { return (kl::getJiffies() - startTicks_) / 100.0; }
   bool ending() const { return kl::getJiffies() - startTicks_ >= endTicks_; }
-
-  static double slopePerMinute(const std::vector<std::pair<double, long>>& samples) {
-    double sx = 0, sy = 0, sxx = 0, sxy = 0;
-    const double n = static_cast<double>(samples.size());
-    for (const auto& s : samples) {
-      sx += s.first;
-      sy += static_cast<double>(s.second);
-      sxx += s.first * s.first;
-      sxy += s.first * static_cast<double>(s.second);
-    }
-    const double d = n * sxx - sx * sx;
-    return d > 0 ? 60 * (n * sxy - sx * sy) / d : 0;
-  }
 
   // Posts the next request of the mix, or ends the run once the time is up and nothing is
   // in flight.
@@ -181,13 +186,13 @@ class Soak : public kl::Looper {
     post(m);
   }
 
-  void post(kl::message& m) {
+  void post(kl::message& m, const kl::message& extra = kl::message()) {
     ++requests_;
     ++inFlight_;
-    client_.postMessage(m, this, onReply, kl::message(), kTimeoutTicks);
+    client_.postMessage(m, this, onReply, extra, kTimeoutTicks);
   }
 
-  static void onReply(void* self, const kl::message& reply, const kl::message&) {
+  static void onReply(void* self, const kl::message& reply, const kl::message& extra) {
     Soak* soak = static_cast<Soak*>(self);
     --soak->inFlight_;
     unsigned int err = 0;
@@ -210,7 +215,8 @@ class Soak : public kl::Looper {
         return;
       }
     }
-    soak->next();
+    // A leave's reply starts no new request (next() then only sees whether the run is over).
+    if (!extra.has(kl::STD_ID) || soak->ending()) soak->next();
   }
 
   static void onToggleSubscription(void* self) {
@@ -233,7 +239,9 @@ class Soak : public kl::Looper {
     m.insert(kl::SYS_CMD, kLoaderCmdLeave);
     m.insert(kl::STD_ID, kObjectsProcess);
     ++soak->leaves_;
-    soak->post(m);
+    kl::message leave;
+    leave.insert(kl::STD_ID, kObjectsProcess);  // marks the reply as the leave's
+    soak->post(m, leave);
     soak->addTimer(soak, onLeave, kLeaveEveryTicks);
   }
 
@@ -269,7 +277,7 @@ class Soak : public kl::Looper {
     if (kib < 0) return;
     Series& s = memory_[pid];
     s.processId = processId;
-    s.samples.emplace_back(elapsedSeconds(), kib);
+    s.add(elapsedSeconds(), kib);
   }
 
   Client client_;
