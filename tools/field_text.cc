@@ -256,8 +256,11 @@ bool parseU32(const std::string& text, unsigned int* out) {
       return true;
     }
   }
+  // A command and an error share most numbers (CMD_GETOBJ and ERROR_BRKPATH are 0xfe0002):
+  // the dump names a value of SYS_TYPE by its command, of SYS_ERRNO by its error.
   for (unsigned int value = 0xfe0000; value < 0xfe0020; ++value) {
-    if (text == kl::fieldValueName(kl::SYS_TYPE, value)) {
+    if (text == kl::fieldValueName(kl::SYS_TYPE, value) ||
+        text == kl::fieldValueName(kl::SYS_ERRNO, value)) {
       *out = value;
       return true;
     }
