@@ -1,7 +1,7 @@
 // kl-msg: encodes, decodes and dumps kl messages from the command line.
 //
-//   kl-msg decode [--hex | --raw] [FILE]     print a flattened message as the dump
-//   kl-msg encode [--raw] FIELD...           build a message and write its encoding
+//   kl-msg decode [--hex | --raw] [--json] [FILE]   print a flattened message
+//   kl-msg encode [--raw] FIELD...|--json [JSON|-]  build a message, write its encoding
 //
 // A malformed input gets one line on the error stream and exit status 1.
 #include <cctype>
@@ -17,6 +17,8 @@
 #include "kl/message/message.h"
 #include "kl/message/system.h"
 #include "tools/field_text.h"
+#include "tools/json_message.h"
+#include "tools/kl_msg_introspect.h"
 #include "tools/kl_msg_loader.h"
 
 namespace {
@@ -32,38 +34,73 @@ struct CommandHelp {
   bool takesFields;
 };
 const CommandHelp kCommands[] = {
-    {"decode", "kl-msg decode [--hex | --raw] [FILE]",
+    {"decode", "kl-msg decode [--hex | --raw] [--json] [FILE]",
      "decode  reads a flattened message from FILE (or standard input when FILE is\n"
-     "        absent or -) and prints it in the dump form. The input is taken as hex\n"
-     "        text when it holds only hex digits and white space, else as raw bytes;\n"
-     "        --hex and --raw force one reading. Empty input is an error.\n",
+     "        absent or -) and prints it in the dump form, or with --json as one line\n"
+     "        of JSON. The input is taken as hex text when it holds only hex digits\n"
+     "        and white space, else as raw bytes; --hex and --raw force one reading.\n"
+     "        Empty input is an error.\n",
      false},
-    {"encode", "kl-msg encode [--raw] FIELD...",
-     "encode  builds a message from FIELDs and writes its encoding to standard\n"
-     "        output as hex text, or as raw bytes with --raw.\n",
+    {"encode", "kl-msg encode [--raw] FIELD... | --json [JSON | -]",
+     "encode  builds a message from FIELDs, or from a JSON object (the argument, or\n"
+     "        standard input when it is - or absent), and writes its encoding to\n"
+     "        standard output as hex text, or as raw bytes with --raw.\n",
      true},
-    {"call", "kl-msg call [--timeout SECS] [--all] PATH FIELD...",
-     "call    sends a request built from FIELDs, which must name the command (SYS_CMD),\n"
-     "        to PATH (handler ids, like 5 or 5/3) through the loader on\n"
-     "        $KL_ROOT/ram/kelosock and prints the reply's dump. A time-out (default\n"
-     "        5 s; SECS may have a fraction, like 0.5), a broken path or an error reply\n"
-     "        prints one line. With --all (SYS_CMD defaults to CMD_GETALL) the request\n"
-     "        is sent again with each reply's STD_GETALLID until a reply has none, and\n"
-     "        the objects (STD_OBJS) of all replies are printed.\n",
+    {"call", "kl-msg call [--timeout SECS] [--all] [--json] PATH FIELD...|JSON",
+     "call    sends a request built from FIELDs or JSON objects, which must name the\n"
+     "        command (SYS_CMD), to PATH (handler ids, like 5 or 5/3) through the\n"
+     "        loader on $KL_ROOT/ram/kelosock and prints the reply's dump, or with\n"
+     "        --json the reply as one line of JSON. A time-out (default 5 s; SECS may\n"
+     "        have a fraction, like 0.5), a broken path or an error reply prints one\n"
+     "        line. With --all (SYS_CMD defaults to CMD_GETALL) the request is sent\n"
+     "        again with each reply's STD_GETALLID until a reply has none, and the\n"
+     "        objects (STD_OBJS) of all replies are printed: with --json one object a\n"
+     "        line, whichever reply carried it.\n",
      true},
-    {"list", "kl-msg list", "list    prints the loader's processes.\n", false},
-    {"serve", "kl-msg serve ID/HANDLER FIELD...",
+    {"list", "kl-msg list [--json]",
+     "list    prints the loader's processes; with --json one object a line:\n"
+     "        {\"id\":5,\"state\":\"running\",\"pid\":1234,\"program\":\"...\"}.\n",
+     false},
+    {"serve", "kl-msg serve ID/HANDLER FIELD...|JSON",
      "serve   registers as process ID and answers every request to its HANDLER with a\n"
      "        reply made of FIELDs (request id and path added), until interrupted: a\n"
      "        stand-in for a service a handler under test depends on.\n",
      true},
-    {"listen", "kl-msg listen [--cmd CMD] PATH",
+    {"listen", "kl-msg listen [--cmd CMD] [--json] PATH",
      "listen  subscribes to PATH and prints the objects of each notification as they\n"
      "        arrive, until interrupted; then unsubscribes. A PATH where no handler\n"
      "        answers is an error; the process behind PATH going away and coming back\n"
-     "        is reported.\n",
+     "        is reported. With --json each notification is one line of JSON (the\n"
+     "        whole message, its objects in message[]:STD_OBJS), and the lines about\n"
+     "        the listening itself go to the error stream.\n",
+     false},
+    {"introspect", "kl-msg introspect [--json] PATH",
+     "introspect  asks the handler at PATH for its policy table (CMD_GETPOLICIES) and\n"
+     "        prints each command, by name where known, with the rights bits a\n"
+     "        restricted sender needs for it; then its number of objects, from\n"
+     "        CMD_GETCOUNT or else the STD_OBJ_COUNT of a CMD_GETALL reply, or that it\n"
+     "        tells none. For PATH 1, the loader, it prints the processes as list\n"
+     "        does. With --json all of it is one JSON object.\n",
      false},
 };
+
+// The commands that read or print JSON: their help explains the form.
+const char* const kJsonCommands[] = {"decode", "encode", "call", "serve", "listen"};
+
+const char kJsonHelp[] =
+    "JSON is one object of fields, on one line (jq . prints it indented):\n"
+    "  {\"u32[]:SYS_TO\":[5,2],\"u32:SYS_CMD\":16646146,\"string:STD_DESCR\":\"uplink\"}\n"
+    "  key    TYPE:ID as in FIELD; printed with the field's name where it has one,\n"
+    "         else with its number in hex (\"u32:0x1\")\n"
+    "  value  bool: true or false; u32: a number, printed always as a number, read\n"
+    "         also as a string that encode takes (\"CMD_GETOBJ\", \"0x10\");\n"
+    "         u64: a number, above 2^53 printed as a decimal string (either read);\n"
+    "         addr6: \"fe80::1\"; string: a string, or {\"hex\":\"ff00\"} for bytes\n"
+    "         that are not UTF-8; raw: hex text \"0a1b\"; message: an object of\n"
+    "         fields, or hex text of its bytes when those are not exactly its fields\n"
+    "         in order; TYPE[]: an array of such values\n"
+    "  JSON that does not convert is a failure (status 1) with one line saying\n"
+    "  where, like: \"u32:STD_ID\": expected a number from 0 to 4294967295\n";
 
 const char kFieldHelp[] =
     "FIELD is TYPE:ID=VALUE, with\n"
@@ -82,6 +119,7 @@ const char kExitHelp[] = "Exit status: 0 success, 1 failure, 2 usage error.\n";
 // The help of every command (null) or of one.
 void printHelp(FILE* out, const CommandHelp* only) {
   bool fields = false;
+  bool json = false;
   const char* lead = "usage: ";
   for (const CommandHelp& c : kCommands) {
     if (only != nullptr && only != &c) continue;
@@ -93,8 +131,10 @@ void printHelp(FILE* out, const CommandHelp* only) {
     if (only != nullptr && only != &c) continue;
     fputs(c.text, out);
     fields = fields || c.takesFields;
+    for (const char* name : kJsonCommands) json = json || strcmp(name, c.name) == 0;
   }
   if (fields) fprintf(out, "\n%s", kFieldHelp);
+  if (json) fprintf(out, "\n%s", kJsonHelp);
   fprintf(out, "\n%s", kExitHelp);
   if (only == nullptr) {
     fputs("\nexample: kl-msg encode 'u32[]:SYS_TO=5' u32:SYS_CMD=CMD_GETALL string:3=ab\n", out);
@@ -131,9 +171,12 @@ bool readAll(const char* path, Bytes* out) {
 
 int decodeCommand(int argc, char** argv) {
   enum { kAuto, kHex, kRaw } form = kAuto;
+  bool json = false;
   const char* path = nullptr;
   for (int i = 0; i < argc; ++i) {
-    if (strcmp(argv[i], "--hex") == 0) {
+    if (strcmp(argv[i], "--json") == 0) {
+      json = true;
+    } else if (strcmp(argv[i], "--hex") == 0) {
       form = kHex;
     } else if (strcmp(argv[i], "--raw") == 0) {
       form = kRaw;
@@ -161,26 +204,53 @@ int decodeCommand(int argc, char** argv) {
   if (!m.unflatten(bytes.data(), bytes.size(), kl::message::flatten_full)) {
     return fail("malformed message (" + std::to_string(bytes.size()) + " bytes)");
   }
+  if (json) return klmsg::printJson(m) ? 0 : klmsg::kFailed;
   m.dump2(std::cout, "", 0);
   return 0;
 }
 
 // --- encode ---------------------------------------------------------------------------------
 
+// The message of a JSON object from `source` (the text itself, or - for standard input);
+// 0, or the exit status after printing the line.
+int readJsonMessage(const char* source, kl::message* m) {
+  std::string text = source;
+  if (text == "-") {
+    Bytes input;
+    if (!readAll(nullptr, &input)) {
+      return fail(std::string("cannot read standard input: ") + strerror(errno));
+    }
+    text.assign(input.begin(), input.end());
+  }
+  std::string error;
+  return klmsg::jsonTextToMessage(text, m, &error) ? 0 : fail(error);
+}
+
 int encodeCommand(int argc, char** argv) {
   bool raw = false;
+  const char* json = nullptr;
   kl::message m;
   int fields = 0;
   for (int i = 0; i < argc; ++i) {
     if (strcmp(argv[i], "--raw") == 0) {
       raw = true;
-      continue;
+    } else if (strcmp(argv[i], "--json") == 0 && json == nullptr) {
+      // The JSON text follows; without it (or with -) standard input holds it.
+      json = i + 1 < argc && strcmp(argv[i + 1], "--raw") != 0 ? argv[++i] : "-";
+    } else if (json != nullptr) {
+      return usage(std::string("unexpected argument '") + argv[i] + "' (see kl-msg encode --help)");
+    } else {
+      const std::string error = addField(m, argv[i]);
+      if (!error.empty()) return usage(error);
+      ++fields;
     }
-    const std::string error = addField(m, argv[i]);
-    if (!error.empty()) return usage(error);
-    ++fields;
   }
-  if (fields == 0) return usage("encode needs at least one FIELD (see kl-msg encode --help)");
+  if (json != nullptr && fields > 0) return usage("encode takes FIELDs or --json, not both");
+  if (json != nullptr) {
+    if (const int status = readJsonMessage(json, &m)) return status;
+  } else if (fields == 0) {
+    return usage("encode needs at least one FIELD (see kl-msg encode --help)");
+  }
   Bytes bytes;
   m.flatten(bytes);
   if (raw) {
@@ -218,5 +288,6 @@ int main(int argc, char** argv) {
   if (command == "list") return klmsg::listCommand(argc - 2, argv + 2);
   if (command == "listen") return klmsg::listenCommand(argc - 2, argv + 2);
   if (command == "serve") return klmsg::serveCommand(argc - 2, argv + 2, addField);
+  if (command == "introspect") return klmsg::introspectCommand(argc - 2, argv + 2);
   return usage("unknown command '" + command + "' (see kl-msg --help)");
 }
