@@ -3,9 +3,10 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cstdio>
 #include <map>
 #include <set>
+#include <string>
 #include <utility>
 #include <vector>
 

@@ -100,10 +100,10 @@ bool printJson(const kl::message& m) {
 
 namespace {
 
-// Prints `m` as its dump (each line after `prefix`) or as one line of JSON.
-bool printMessage(const kl::message& m, bool json, const char* prefix = "") {
+// Prints `m` as its dump or as one line of JSON.
+bool printMessage(const kl::message& m, bool json) {
   if (json) return printJson(m);
-  m.dump2(std::cout, prefix, 0);
+  m.dump2(std::cout, "", 0);
   return true;
 }
 
@@ -155,8 +155,12 @@ int callCommand(int argc, char** argv, AddFieldFn addField) {
   bool json = false;
   int i = 0;
   for (; i < argc && strncmp(argv[i], "--", 2) == 0; ++i) {
-    if (strcmp(argv[i], "--all") == 0 || strcmp(argv[i], "--json") == 0) {
-      (argv[i][2] == 'a' ? all : json) = true;
+    if (strcmp(argv[i], "--all") == 0) {
+      all = true;
+      continue;
+    }
+    if (strcmp(argv[i], "--json") == 0) {
+      json = true;
       continue;
     }
     if (strcmp(argv[i], "--timeout") != 0) break;
