@@ -24,11 +24,11 @@
 #   make docs        the API reference (Doxygen) in build/docs/html; warnings are errors
 
 ENSURE := scripts/ensure-packages
-HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev
+HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev nlohmann-json3-dev
 BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler libuv1-dev libevent-dev liblmdb-dev libsystemd-dev dbus
-PPC_PACKAGES := cmake ninja-build g++-powerpc-linux-gnu qemu-user googletest
+PPC_PACKAGES := cmake ninja-build g++-powerpc-linux-gnu qemu-user googletest nlohmann-json3-dev
 FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev
-DOCS_PACKAGES := cmake ninja-build g++ doxygen graphviz
+DOCS_PACKAGES := cmake ninja-build g++ doxygen graphviz nlohmann-json3-dev
 COVERAGE_PACKAGES := $(HOST_PACKAGES) gcovr
 SIZE_PACKAGES := cmake ninja-build g++ g++-powerpc-linux-gnu qemu-user libuv1 libevent-core-2.1-7 \
   libdbus-1-3 libsystemd0 libprotobuf-lite32

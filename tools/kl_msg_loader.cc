@@ -1,5 +1,6 @@
 // kl-msg call, list and listen: a transient process of the loader (registration word 1 is
-// 0) that sends one request, or subscribes, and prints what comes back.
+// 0) that sends one request, or subscribes, and prints what comes back, as the dump or as
+// JSON (one object a line).
 #include "tools/kl_msg_loader.h"
 
 #include <signal.h>
@@ -17,6 +18,8 @@
 #include "kl/looper/looper.h"
 #include "kl/message/dump.h"
 #include "kl/message/system.h"
+#include "tools/json_message.h"
+#include "tools/kl_msg_introspect.h"
 
 namespace klmsg {
 
@@ -30,11 +33,6 @@ int usage(const std::string& text) {
   return kUsageError;
 }
 
-namespace {
-
-constexpr unsigned int kDefaultTimeoutTicks = 500;  // 5 s
-
-// "5" or "5/3" -> {5} or {5, 3}.
 bool parsePath(const std::string& text, std::vector<unsigned int>* path) {
   path->clear();
   size_t start = 0;
@@ -70,12 +68,10 @@ bool loaderListening() {
   return accepted;
 }
 
-kl::Looper* connect() {
+kl::Looper* connectToLoader() {
   return new kl::Looper(kl::Looper::kConnect, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
 
-// Sends `request` and returns its reply; false after printing the line for a time-out or
-// an error reply.
 bool exchange(kl::Looper& looper, kl::message& request, const std::string& pathText,
               unsigned int ticks, kl::message* reply) {
   *reply = looper.exchangeMessage(request, static_cast<int>(ticks));
@@ -92,9 +88,46 @@ bool exchange(kl::Looper& looper, kl::message& request, const std::string& pathT
   return false;
 }
 
+bool printJson(const kl::message& m) {
+  std::string text, error;
+  if (!messageToJsonText(m, &text, &error)) {
+    fail(error);
+    return false;
+  }
+  printf("%s\n", text.c_str());
+  return true;
+}
+
+namespace {
+
+// Prints `m` as its dump or as one line of JSON.
+bool printMessage(const kl::message& m, bool json) {
+  if (json) return printJson(m);
+  m.dump2(std::cout, "", 0);
+  return true;
+}
+
+// Adds each argument to `m`: a JSON object's fields, or one TYPE:ID=VALUE field. Returns 0,
+// or the exit status after printing the line: 2 for a bad field, 1 for JSON that does not
+// convert (input like any other).
+int addArguments(kl::message& m, char** first, char** end, AddFieldFn addField) {
+  for (char** arg = first; arg != end; ++arg) {
+    if ((*arg)[0] == '{') {
+      kl::message fields;
+      std::string error;
+      if (!jsonTextToMessage(*arg, &fields, &error)) return fail(error);
+      m.merge(fields);
+      continue;
+    }
+    const std::string error = addField(m, *arg);
+    if (!error.empty()) return usage(error);
+  }
+  return 0;
+}
+
 // call --all: asks again from each reply's STD_GETALLID and prints every object.
 int callAll(kl::Looper& looper, const kl::message& base, const std::string& pathText,
-            unsigned int ticks) {
+            unsigned int ticks, bool json) {
   kl::message request = base;
   if (!request.has(kl::SYS_CMD)) request.insert(kl::SYS_CMD, kl::CMD_GETALL);
   for (;;) {
@@ -102,7 +135,7 @@ int callAll(kl::Looper& looper, const kl::message& base, const std::string& path
     kl::message reply;
     if (!exchange(looper, sent, pathText, ticks, &reply)) return 1;
     for (const kl::message::flat_message& flat : reply.get_message_array(kl::STD_OBJS)) {
-      kl::message(flat).dump2(std::cout, "", 0);
+      if (!printMessage(kl::message(flat), json)) return kFailed;
     }
     if (!reply.has(kl::STD_GETALLID)) return 0;
     const unsigned int next = reply.get(kl::STD_GETALLID, 0);
@@ -119,10 +152,15 @@ int callAll(kl::Looper& looper, const kl::message& base, const std::string& path
 int callCommand(int argc, char** argv, AddFieldFn addField) {
   unsigned int ticks = kDefaultTimeoutTicks;
   bool all = false;
+  bool json = false;
   int i = 0;
   for (; i < argc && strncmp(argv[i], "--", 2) == 0; ++i) {
     if (strcmp(argv[i], "--all") == 0) {
       all = true;
+      continue;
+    }
+    if (strcmp(argv[i], "--json") == 0) {
+      json = true;
       continue;
     }
     if (strcmp(argv[i], "--timeout") != 0) break;
@@ -142,51 +180,41 @@ int callCommand(int argc, char** argv, AddFieldFn addField) {
   if (!parsePath(pathText, &path))
     return usage("bad path '" + pathText + "', expected like 5 or 5/3");
   kl::message request;
-  for (; i < argc; ++i) {
-    const std::string error = addField(request, argv[i]);
-    if (!error.empty()) return usage(error);
-  }
+  if (const int status = addArguments(request, argv + i, argv + argc, addField)) return status;
   // A request without a command would be a silent no-op; --all asks for CMD_GETALL.
   if (!all && !request.has(kl::SYS_CMD)) {
     return usage("call needs a command: add a field such as u32:SYS_CMD=CMD_GETOBJ");
   }
   request.insert(kl::SYS_TO, path);
   if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
-  kl::Looper* looper = connect();
+  kl::Looper* looper = connectToLoader();
   kl::message reply;
   if (!all) {
     if (!exchange(*looper, request, pathText, ticks, &reply)) return 1;
-    reply.dump2(std::cout, "", 0);
-    return 0;
+    return printMessage(reply, json) ? 0 : kFailed;
   }
-  return callAll(*looper, request, pathText, ticks);
+  return callAll(*looper, request, pathText, ticks, json);
 }
 
-int listCommand(int argc, char**) {
-  if (argc != 0) return usage("list takes no arguments");
+int listCommand(int argc, char** argv) {
+  const bool json = argc == 1 && strcmp(argv[0], "--json") == 0;
+  if (argc != 0 && !json) return usage("list takes no arguments but --json");
   if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
-  kl::Looper* looper = connect();
-  kl::message request;
-  request.insert(kl::SYS_TO, {1});
-  request.insert(kl::SYS_CMD, kl::CMD_GETALL);
-  kl::message reply;
-  if (!exchange(*looper, request, "1", kDefaultTimeoutTicks, &reply)) return 1;
-  printf("%-10s %-11s %-8s %s\n", "ID", "STATE", "PID", "PROGRAM");
-  for (const kl::message::flat_message& flat : reply.get_message_array(kl::STD_OBJS)) {
-    const kl::message proc(flat);
-    printf("%-10u %-11s %-8u %s\n", proc.get(kl::STD_ID, 0),
-           proc.get_string(0x20000002, "").c_str(), proc.get_u32(0x08000001, 0),
-           proc.get_string(kl::STD_DESCR, "").c_str());
-  }
+  kl::Looper* looper = connectToLoader();
+  kl::message processes;
+  if (!askLoaderForProcesses(*looper, &processes)) return kFailed;
+  printProcesses(processes, json);
   return 0;
 }
 
 namespace {
 
-// The listening process: prints every notification's objects as they arrive, and says
-// when the process behind the path goes away and when the loader lists it again (then it
-// subscribes again, which a process that kept its subscribers ignores). It asks the
-// loader, not the process, so that it never starts a process that left.
+// The listening process: prints every notification's objects as they arrive (with json_,
+// each notification whole as one line of JSON), and says when the process behind the path
+// goes away and when the loader lists it again (then it subscribes again, which a process
+// that kept its subscribers ignores). It asks the loader, not the process, so that it never
+// starts a process that left. With json_ what it says goes to the error stream, so that
+// standard output holds JSON only.
 class Listener : public kl::Looper {
  public:
   Listener() : kl::Looper(kConnect, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0) {}
@@ -196,8 +224,7 @@ class Listener : public kl::Looper {
       const std::vector<unsigned int> gone = m.get_u32_array(kl::SYS_FROM);
       if (!gone.empty() && gone.front() == path_.front() && !away_) {
         away_ = true;
-        printf("%s went away\n", pathText_.c_str());
-        fflush(stdout);
+        say(pathText_ + " went away");
         probeLater();
       }
     }
@@ -205,10 +232,22 @@ class Listener : public kl::Looper {
       kl::Looper::handleCmd(m, cmd);
       return;
     }
+    if (json_) {
+      printJson(m);
+      fflush(stdout);
+      return;
+    }
     const std::vector<kl::message::flat_message> objs = m.get_message_array(kl::STD_OBJS);
     printf("notification: %zu object%s\n", objs.size(), objs.size() == 1 ? "" : "s");
     for (const kl::message::flat_message& flat : objs) kl::message(flat).dump2(std::cout, "  ", 0);
     std::cout.flush();
+  }
+
+  // One line about the listening itself.
+  void say(const std::string& line) {
+    FILE* out = json_ ? stderr : stdout;
+    fprintf(out, "%s\n", line.c_str());
+    fflush(out);
   }
 
   static void onStop(void* self, int) {
@@ -221,6 +260,7 @@ class Listener : public kl::Looper {
   std::vector<unsigned int> path_;
   std::string pathText_;
   unsigned int notifyCmd_ = kl::CMD_NOTIFY;
+  bool json_ = false;
 
  private:
   // Asks the loader for its processes once a second until the path's process is among
@@ -244,8 +284,7 @@ class Listener : public kl::Looper {
       return;
     }
     listener->away_ = false;
-    printf("%s is back\n", listener->pathText_.c_str());
-    fflush(stdout);
+    listener->say(listener->pathText_ + " is back");
     listener->subscribe(listener->path_, listener->notifyCmd_, kl::message());
   }
 
@@ -256,15 +295,21 @@ class Listener : public kl::Looper {
 
 int listenCommand(int argc, char** argv) {
   unsigned int cmd = kl::CMD_NOTIFY;
+  bool json = false;
   int i = 0;
-  if (i < argc && strcmp(argv[i], "--cmd") == 0) {
+  for (; i < argc && strncmp(argv[i], "--", 2) == 0; ++i) {
+    if (strcmp(argv[i], "--json") == 0) {
+      json = true;
+      continue;
+    }
+    if (strcmp(argv[i], "--cmd") != 0) break;
     if (i + 1 >= argc) return usage("--cmd needs a command number");
     char* end = nullptr;
     cmd = static_cast<unsigned int>(strtoul(argv[i + 1], &end, 0));
     if (*argv[i + 1] == '\0' || *end != '\0') {
       return usage(std::string("bad --cmd value '") + argv[i + 1] + "'");
     }
-    i += 2;
+    ++i;
   }
   if (i + 1 != argc) return usage("listen needs one PATH (see kl-msg listen --help)");
   std::vector<unsigned int> path;
@@ -274,6 +319,7 @@ int listenCommand(int argc, char** argv) {
   listener->path_ = path;
   listener->pathText_ = argv[i];
   listener->notifyCmd_ = cmd;
+  listener->json_ = json;
   // Every handler answers CMD_GETPOLICIES: an error means there is none to listen to.
   kl::message probe;
   probe.insert(kl::SYS_TO, path);
@@ -283,8 +329,7 @@ int listenCommand(int argc, char** argv) {
   listener->addSighandler(SIGINT, listener, Listener::onStop, true);
   listener->addSighandler(SIGTERM, listener, Listener::onStop, true);
   listener->subscribe(path, cmd, kl::message());
-  printf("listening to %s\n", argv[i]);
-  fflush(stdout);
+  listener->say(std::string("listening to ") + argv[i]);
   listener->run();
   return 0;
 }
@@ -314,9 +359,8 @@ int serveCommand(int argc, char** argv, AddFieldFn addField) {
                  "', expected a process id and a handler id like 12/3");
   }
   StandIn standIn;
-  for (int i = 1; i < argc; ++i) {
-    const std::string error = addField(standIn.reply_, argv[i]);
-    if (!error.empty()) return usage(error);
+  if (const int status = addArguments(standIn.reply_, argv + 1, argv + argc, addField)) {
+    return status;
   }
   if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
   kl::Looper* looper =
