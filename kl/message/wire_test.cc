@@ -367,6 +367,35 @@ TEST(Wire, PassThroughRecordsAreKeptUndecoded) {
   EXPECT_EQ(m.get_u32(0x0a000001, 0), 7u);
 }
 
+// Marked arrays of fixed-width elements are copied by their element width (1 for bool, 4
+// for u32, 8 for u64): the side buffer holds exactly their records, and the field behind
+// them decodes.
+TEST(Wire, PassThroughArraysAreCopiedByTheirElementWidth) {
+  const uint32_t mark = kPassThroughBit | kArrayBit;
+  message m;
+  m.insert_bool_array(mark | kTypeBool | 0x11, {true, false, true});
+  m.insert_u32_array(mark | kTypeU32 | 0x12, {1, 2, 3});
+  m.insert_u64_array(mark | kTypeU64 | 0x13, {1, 1ull << 40});
+  m.insert_u32(kTypeU32 | 0x14, 99);
+  Bytes flat;
+  m.flatten(flat);
+  message plain;
+  plain.insert_u32(kTypeU32 | 0x14, 99);
+  Bytes plainFlat;
+  plain.flatten(plainFlat);
+  const size_t header = 2, plainRecord = plainFlat.size() - header;
+  ASSERT_GT(flat.size(), header + plainRecord);
+  ASSERT_EQ(Bytes(flat.end() - plainRecord, flat.end()),
+            Bytes(plainFlat.begin() + header, plainFlat.end()))
+      << "the unmarked field is encoded last";
+  message kept;
+  ASSERT_TRUE(decode(flat, &kept, message::flatten_keep_passthrough));
+  EXPECT_EQ(kept.get_u32(kTypeU32 | 0x14, 0), 99u);
+  ASSERT_NE(kept.passthrough(), nullptr);
+  EXPECT_EQ(toHex(*kept.passthrough()),
+            toHex(Bytes(flat.begin() + header, flat.end() - plainRecord)));
+}
+
 TEST(Wire, PassThroughCopyIsBounded) {
   const char* cases[] = {
       "4D 32 01 00 00 0A 07",                       // long u32 cut

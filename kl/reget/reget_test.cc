@@ -123,6 +123,21 @@ TEST_F(RegetPeerTest, FullRegetAsksAgainAfterAnEmptyChunkWithContinuation) {
   EXPECT_EQ(second.get(STD_GETALLID, 0), 9u);
 }
 
+// Asking whether objects remain does not move on: the object found stays the next pop.
+TEST_F(RegetPeerTest, FullRegetIsEmptyTwiceKeepsTheObject) {
+  answer(0, chunk({1, 2}));
+  FullReget all;
+  message base;
+  base.insert(SYS_TO, kTarget);
+  all.setBase(base);
+  ASSERT_FALSE(all.isEmpty());
+  ASSERT_FALSE(all.isEmpty());
+  EXPECT_EQ(all.pop().get(STD_ID, 0), 1u);
+  ASSERT_FALSE(all.isEmpty());
+  EXPECT_EQ(all.pop().get(STD_ID, 0), 2u);
+  EXPECT_TRUE(all.isEmpty());
+}
+
 TEST_F(RegetPeerTest, FullRegetReportsAnErrorReplyAndEnds) {
   answer(0, errorMsg(ERROR_NOTALLOWED, "list refused"));
   FullReget all;
@@ -280,6 +295,14 @@ TEST_F(AsyncRegetTest, RetryAndRestartAreRefusedWhileRunning) {
   EXPECT_FALSE(serve(chunk({1})).has(STD_GETALLID));
   EXPECT_EQ(recorder_.ids, Ids({1, 2, 1}));
   EXPECT_EQ(recorder_.doneCalls, 3);
+}
+
+TEST_F(AsyncRegetTest, StopCancelsTheOutstandingRequest) {
+  start();
+  EXPECT_EQ(looper_->pendingPosts(), 1u);
+  fetch_.stop();
+  EXPECT_FALSE(fetch_.running());
+  EXPECT_EQ(looper_->pendingPosts(), 0u);
 }
 
 TEST_F(AsyncRegetTest, DestroyingARunningFetchCancelsItsRequest) {

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "kl/runner/runner.h"
+#include "kl/runner/signal_table.h"
 #include "kl/testing/temp_root.h"
 
 namespace kl {
@@ -166,6 +167,24 @@ TEST_F(FaultGuardTest, ABusErrorOutsideAGuardedReadGoesWhereItWentBefore) {
               c.result);
     EXPECT_EQ(output().find("\ndied with signal 7 on ") != std::string::npos, c.runner);
   }
+}
+
+// The crash handler hands a guarded read's fault back itself: the guard leaves it in place
+// rather than putting its own handler in front of it, however many reads fault.
+TEST_F(FaultGuardTest, GuardedReadsLeaveTheCrashHandlerInPlace) {
+  EXPECT_EQ(inChildAtMost20s([&]() {
+              const unsigned char* map = mapAndTruncate();
+              if (map == nullptr) return false;
+              TestRunner runner;
+              if (!lostPagesFailKeptPageReads(map) || !lostPagesFailKeptPageReads(map)) {
+                return false;
+              }
+              struct sigaction current;
+              return sigaction(SIGBUS, nullptr, &current) == 0 &&
+                     (current.sa_flags & SA_SIGINFO) != 0 &&
+                     current.sa_sigaction == internal::crashHandler;
+            }),
+            0);
 }
 
 }  // namespace

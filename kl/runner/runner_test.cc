@@ -49,6 +49,15 @@ TEST_F(RunnerTest, PipeOpensOnceAndRestoreBringsBackThePriorAction) {
   EXPECT_EQ(currentHandler(SIGINT), priorHandler);
 }
 
+// Numbers past the table are refused; 0 is a number the table has (its disposition is the
+// initial one, so asking for that changes nothing), but no signal the system can act on.
+TEST_F(RunnerTest, SignalNumbersAtAndPastTheTablesEnds) {
+  EXPECT_FALSE(runner_.setSigaction(65, Runner::SIGACT_IGNORE));
+  EXPECT_FALSE(runner_.setSigaction(-1, Runner::SIGACT_IGNORE));
+  EXPECT_TRUE(runner_.setSigaction(0, Runner::SIGACT_RESTORE));
+  EXPECT_FALSE(runner_.setSigaction(0, Runner::SIGACT_IGNORE));
+}
+
 void priorSiginfoHandler(int, siginfo_t*, void*) {}
 
 // A prior three-argument handler (the crash handler is one) comes back with SA_SIGINFO, or
