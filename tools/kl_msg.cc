@@ -18,6 +18,7 @@
 #include "kl/message/system.h"
 #include "tools/field_text.h"
 #include "tools/json_message.h"
+#include "tools/kl_msg_crash.h"
 #include "tools/kl_msg_introspect.h"
 #include "tools/kl_msg_loader.h"
 
@@ -81,6 +82,15 @@ const CommandHelp kCommands[] = {
      "        CMD_GETCOUNT or else the STD_OBJ_COUNT of a CMD_GETALL reply, or that it\n"
      "        tells none. For PATH 1, the loader, it prints the processes as list\n"
      "        does. With --json all of it is one JSON object.\n",
+     false},
+    {"crash", "kl-msg crash [FILE | -]",
+     "crash   reads a crash report (FILE, or standard input when it is - or absent)\n"
+     "        and prints it with its backtrace made readable: each address in a\n"
+     "        mapping the report lists, of a file found here (the executable, libkl,\n"
+     "        other libraries), with its function, inlined frames and file:line from\n"
+     "        addr2line (powerpc-linux-gnu-addr2line for a PowerPC file), or the\n"
+     "        nearest symbol when the file has no debug information; other addresses\n"
+     "        stay as they are. Input that is not a crash report is an error.\n",
      false},
 };
 
@@ -289,5 +299,6 @@ int main(int argc, char** argv) {
   if (command == "listen") return klmsg::listenCommand(argc - 2, argv + 2);
   if (command == "serve") return klmsg::serveCommand(argc - 2, argv + 2, addField);
   if (command == "introspect") return klmsg::introspectCommand(argc - 2, argv + 2);
+  if (command == "crash") return klmsg::crashCommand(argc - 2, argv + 2);
   return usage("unknown command '" + command + "' (see kl-msg --help)");
 }
