@@ -66,6 +66,15 @@ $msg call 5/2 u32:SYS_CMD=CMD_SETOBJ u32:STD_ID=3 string:STD_DESCR=backup >/dev/
 await 'watcher: object 3 is now "backup"'
 show_new
 echo
+echo "== The same in JSON, for scripts: a call with a JSON argument, and the list:"
+$msg call --json 5/2 '{"u32:SYS_CMD":"CMD_GETOBJ","u32:STD_ID":3}'
+$msg list --json
+echo
+echo "== kl-msg introspect 5/2: the handler's commands, the rights each needs, its objects:"
+$msg introspect 5/2 | head -n 4
+echo "  ..."
+$msg introspect 5/2 | tail -n 1
+echo
 echo "== A path that leads nowhere: one line, exit status 1:"
 if $msg call 5/9 u32:SYS_CMD=CMD_GET; then exit 1; fi
 echo "(exit status 1)"
