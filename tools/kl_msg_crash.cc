@@ -55,33 +55,49 @@ bool isRegularFile(const std::string& path) {
   return !path.empty() && stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-// The file in `dir` whose name begins with `stem` and whose inode is `inode`, or "".
-std::string fileByInode(const std::string& dir, const std::string& stem, unsigned long inode) {
+// A regular file below `dir` (at most `depth` directories down) whose name begins with
+// `stem` (at the top level only) and whose inode is `inode`; "" when none is.
+std::string findByInode(const std::string& dir, const std::string& stem, unsigned long inode,
+                        int depth) {
   std::string found;
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) return found;
   for (dirent* e; found.empty() && (e = readdir(d)) != nullptr;) {
-    const std::string path = dir + "/" + e->d_name;
+    const std::string name = e->d_name;
+    if (name == "." || name == ".." || !startsWith(name, stem.c_str())) continue;
+    const std::string path = dir + "/" + name;
     struct stat st;
-    if (startsWith(e->d_name, stem.c_str()) && stat(path.c_str(), &st) == 0 &&
-        S_ISREG(st.st_mode) && st.st_ino == inode) {
+    if (lstat(path.c_str(), &st) != 0) continue;
+    if (S_ISREG(st.st_mode) && st.st_ino == inode) {
       found = path;
+    } else if (S_ISDIR(st.st_mode) && depth > 0) {
+      found = findByInode(path, "", inode, depth - 1);
     }
   }
   closedir(d);
   return found;
 }
 
-// The file a mapping's path names. The report cuts a maps line at 100 bytes: a path that is
-// not a file is the executable when it begins that path, or the file of the listed inode
-// whose name begins with what is left of the last part of the path.
+bool hasInode(const std::string& path, unsigned long inode) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_ino == inode;
+}
+
+// The file a mapping's path names. The report cuts a maps line at 100 bytes, so a path that
+// is not a file is looked for by the mapping's inode: the executable, or a file below what
+// is left of the path (the directory it names, or the entries of its parent that begin
+// with its last part), two directories deep at most.
 std::string mappedFile(const CrashMapping& m, const std::string& executable) {
   if (isRegularFile(m.path)) return m.path;
-  if (m.path.empty() || m.path[0] != '/') return std::string();
-  if (startsWith(executable, m.path.c_str()) && isRegularFile(executable)) return executable;
+  if (m.path.empty() || m.path[0] != '/' || m.inode == 0) return std::string();
+  if (hasInode(executable, m.inode)) return executable;
+  struct stat st;
+  if (stat(m.path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    return findByInode(m.path, "", m.inode, 2);
+  }
   const size_t slash = m.path.rfind('/');
-  return m.inode == 0 ? std::string()
-                      : fileByInode(m.path.substr(0, slash), m.path.substr(slash + 1), m.inode);
+  return findByInode(slash == 0 ? "/" : m.path.substr(0, slash), m.path.substr(slash + 1), m.inode,
+                     2);
 }
 
 // What the symbolizer needs of an ELF file: whether it is PowerPC, and its loadable
