@@ -21,6 +21,7 @@
 #include "tools/kl_msg_crash.h"
 #include "tools/kl_msg_introspect.h"
 #include "tools/kl_msg_loader.h"
+#include "tools/kl_msg_monitor.h"
 
 namespace {
 
@@ -82,6 +83,18 @@ const CommandHelp kCommands[] = {
      "        CMD_GETCOUNT or else the STD_OBJ_COUNT of a CMD_GETALL reply, or that it\n"
      "        tells none. For PATH 1, the loader, it prints the processes as list\n"
      "        does. With --json all of it is one JSON object.\n",
+     false},
+    {"monitor", "kl-msg monitor [--json] [FILTER...]",
+     "monitor prints every frame kl-loader routes between processes, live, until\n"
+     "        interrupted: the time, the sending process, the receiving path, what it is\n"
+     "        (request, reply, message and its command), then its dump; with --json one\n"
+     "        line each: "
+     "{\"time\":\"SECONDS.MICROS\",\"from\":ID,\"to\":\"PATH\",\"message\":{...}}.\n"
+     "        A FILTER shows only some frames: a process id (its frames either way), a\n"
+     "        path with a slash (5/2: frames delivered along it) or a command name\n"
+     "        (CMD_SETOBJ: requests and notifications of it); a frame is shown when any\n"
+     "        filter matches. Any number of monitors may run; one that stops reading is\n"
+     "        cut off by the loader without slowing the services.\n",
      false},
     {"crash", "kl-msg crash [FILE | -]",
      "crash   reads a crash report (FILE, or standard input when it is - or absent)\n"
@@ -300,5 +313,6 @@ int main(int argc, char** argv) {
   if (command == "serve") return klmsg::serveCommand(argc - 2, argv + 2, addField);
   if (command == "introspect") return klmsg::introspectCommand(argc - 2, argv + 2);
   if (command == "crash") return klmsg::crashCommand(argc - 2, argv + 2);
+  if (command == "monitor") return klmsg::monitorCommand(argc - 2, argv + 2);
   return usage("unknown command '" + command + "' (see kl-msg --help)");
 }

@@ -309,6 +309,94 @@ TEST_F(KlMsgJsonTest, ListenJsonPrintsEachNotificationAsOneLine) {
   EXPECT_EQ(kl::message(objects[0]).get_string(kl::STD_DESCR, ""), "heard");
 }
 
+// --- monitor ---------------------------------------------------------------------------------
+
+// A monitor running in the background: its output so far, and a clean stop.
+struct RunningMonitor {
+  pid_t pid = -1;
+  int out = -1;
+  std::string text;
+  // Reads what is there now.
+  void take() {
+    for (pollfd p{out, POLLIN, 0}; poll(&p, 1, 0) > 0;) {
+      char chunk[4096];
+      const ssize_t n = read(out, chunk, sizeof chunk);
+      if (n <= 0) break;
+      text.append(chunk, static_cast<size_t>(n));
+    }
+  }
+  // Interrupts it; its exit status.
+  int stop() {
+    kill(pid, SIGINT);
+    std::string rest;
+    readAll(out, &rest, nowMs() + 5000);
+    text += rest;
+    close(out);
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+};
+
+TEST_F(KlMsgJsonTest, MonitorsShowTheFramesTheirFiltersSelect) {
+  auto start = [this](const std::vector<std::string>& args) {
+    int out[2];
+    EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+    const int none = open("/dev/null", O_RDWR | O_CLOEXEC);
+    std::vector<std::string> argv = {KL_MSG_PATH, "monitor"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    RunningMonitor m;
+    m.pid = launch(argv, none, out[1], none);
+    close(none);
+    close(out[1]);
+    m.out = out[0];
+    return m;
+  };
+  RunningMonitor byCommand = start({"CMD_SETOBJ"});
+  RunningMonitor byPath = start({"--json", "5/2"});
+  // Both are attached once the later one shows a request it selects.
+  for (long long deadline = nowMs() + 5000; byPath.text.empty() && nowMs() < deadline;) {
+    msg({"call", "5/2", "u32:SYS_CMD=CMD_NOOP"});
+    byPath.take();
+  }
+  ASSERT_FALSE(byPath.text.empty()) << "the monitor shows nothing";
+  usleep(200 * 1000);
+  EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_SETOBJ", "u32:STD_ID=2", "string:STD_DESCR=seen"})
+                .status,
+            0);
+  usleep(300 * 1000);
+  EXPECT_EQ(byCommand.stop(), 0);
+  EXPECT_EQ(byPath.stop(), 0);
+
+  // The command filter: the set request, nothing else.
+  EXPECT_NE(byCommand.text.find(" -> 5/2  request 0 CMD_SETOBJ\n"), std::string::npos)
+      << byCommand.text;
+  EXPECT_EQ(byCommand.text.find("CMD_NOOP"), std::string::npos) << byCommand.text;
+  EXPECT_NE(byCommand.text.find("string [STD_DESCR]=seen"), std::string::npos);
+  // The path filter, in JSON: every line delivered along 5/2, the set request among them.
+  std::istringstream lines(byPath.text);
+  bool sawSet = false;
+  for (std::string line; std::getline(lines, line);) {
+    klmsg::Json j;
+    std::string error;
+    ASSERT_TRUE(klmsg::parseJson(line, &j, &error)) << line;
+    EXPECT_EQ(j["to"].get<std::string>().rfind("5/2", 0), 0u) << line;
+    const kl::message m = messageOf(j["message"].dump());
+    if (m.get(kl::SYS_CMD, 0) == kl::CMD_SETOBJ) {
+      sawSet = true;
+      EXPECT_GE(j["from"].get<unsigned int>(), 0x10000u);
+      EXPECT_EQ(m.get_string(kl::STD_DESCR, ""), "seen");
+    }
+  }
+  EXPECT_TRUE(sawSet) << byPath.text;
+}
+
+TEST_F(KlMsgJsonTest, AMonitorFilterThatIsNoneIsAUsageError) {
+  const Finished run = msg({"monitor", "5/x"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.err.rfind("kl-msg: bad filter '5/x'", 0), 0u) << run.err;
+}
+
 // --- introspect ------------------------------------------------------------------------------
 
 TEST_F(KlMsgJsonTest, IntrospectPrintsThePolicyTableAndTheObjectCount) {

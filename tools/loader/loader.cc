@@ -668,6 +668,7 @@ void Loader::closeConn(Conn* conn, const std::string& why) {
   close(conn->fd);
   const unsigned int id = conn->id;
   const bool registered = conn->registered;
+  if (conn->monitor) --monitors_;
   std::vector<message> held;
   held.swap(conn->held);
   std::list<FrameWriter::WriteItem> orphans;

@@ -11,7 +11,8 @@
 // agreement keeps them for the next instance.
 //
 // Handler id 1 is the loader itself: CMD_GETALL lists the processes, CMD_NOOP answers
-// empty, kLoaderCmdLeave asks process STD_ID to leave.
+// empty, kLoaderCmdLeave asks process STD_ID to leave, kLoaderCmdMonitor makes the sender a
+// monitor of the traffic (below).
 //
 // Every connection uses the library's framing (kl/looper/framing.h) without blocking; bad
 // input from one process (a malformed or oversized frame, a wrong first frame, an id in
@@ -52,6 +53,21 @@ constexpr unsigned int kLoaderId = ctrl::kLoaderId;
 constexpr unsigned int kFirstTransientId = 0x10000;
 // A loader command: asks the process named by STD_ID to leave (control code 1).
 constexpr unsigned int kLoaderCmdLeave = 0xfd0001;
+// A loader command: makes the sender a monitor. From then on every frame the loader delivers
+// between two other processes (requests, replies, notifications, the loader's own answers
+// and notices, sender 1) is copied to the path the command came from (its SYS_FROM), as a
+// message with SYS_CMD kLoaderCmdMonitor and the kMon* fields. Copies go only to monitors
+// and never make a sender wait: a monitor that lets more than kMaxMonitorQueuedBytes pile
+// up is cut off. Frames to and from monitors are not copied. A monitor stops by leaving.
+constexpr unsigned int kLoaderCmdMonitor = 0xfd0002;
+constexpr uint32_t kMonSeconds = 0x08000001;  // when it was routed: Unix time, seconds
+constexpr uint32_t kMonMicros = 0x08000002;   // and microseconds
+constexpr uint32_t kMonFrom = 0x08000003;     // the sending process (1: the loader)
+constexpr uint32_t kMonTo = 0x08000004;       // the receiving process
+constexpr uint32_t kMonFrame = 0x30000005;    // the frame's body as delivered (raw)
+constexpr uint32_t kMonLength = 0x08000006;   // the body's length when kMonFrame holds less
+constexpr uint32_t kMaxMonitorCopy = 65000;   // the most of a body a copy holds
+constexpr uint32_t kMaxMonitorQueuedBytes = 4u << 20;
 // Fields of the process list (CMD_GETALL on id 1), beside STD_ID and STD_DESCR.
 constexpr uint32_t kProcPid = 0x08000001;
 // "running", "registered", "left", or how it ended: "exited N", "killed by signal N"
@@ -134,6 +150,9 @@ class Loader {
     // reply goes to (the sender's SYS_FROM) and request id: answered with ERROR_BRKPATH
     // when it goes away first. At most kMaxPendingRequests are kept.
     PendingRequests pending;
+    // Set for a monitor: where its copies go (the monitor command's SYS_FROM, less the id).
+    std::vector<unsigned int> monitorPath;
+    bool monitor = false;
   };
 
   // The output of a started service: its standard output and error come through pipes and
@@ -199,7 +218,11 @@ class Loader {
   void routeOne(Conn& from, message m, std::vector<unsigned int> to);
   void loaderCommand(Conn& from, const message& m);
   void answerBrokenPath(Conn& from, const message& m, const std::vector<unsigned int>& rest);
-  void deliver(Conn& to, const message& m);
+  // Sends `m` to `to`; `from` is its sender for the monitors (the loader by default).
+  void deliver(Conn& to, const message& m, unsigned int from = kLoaderId);
+  // Copies a frame on its way from `from` to `to` to every monitor (see kLoaderCmdMonitor).
+  void copyToMonitors(unsigned int from, const Conn& to, const unsigned char* frame,
+                      uint32_t length);
   void deliverFrame(Conn& to, std::unique_ptr<unsigned char[]> frame, uint32_t length);
   void reply(Conn& to, const message& request, message& body);
   void closeConn(Conn* conn, const std::string& why);
@@ -230,6 +253,7 @@ class Loader {
   unsigned int nextTransient_ = kFirstTransientId;
   std::map<int, std::unique_ptr<Conn>> conns_;  // by descriptor
   std::map<unsigned int, Conn*> byId_;
+  size_t monitors_ = 0;  // connections that are monitors
   // A started service that left: its command line, its handed-over data, and the frames
   // waiting for its next instance.
   struct Departed {

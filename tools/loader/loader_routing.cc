@@ -1,5 +1,7 @@
 // kl-loader's routing: frames passed on as bytes (the fast path), decoded messages routed
 // hop by hop, fan-out, broken paths and the loader's own commands on id 1.
+#include <sys/time.h>
+
 #include <cstdio>
 #include <iostream>
 #include <utility>
@@ -67,6 +69,7 @@ bool Loader::routeFlat(Conn& from, const unsigned char* body, uint32_t length, u
     std::unique_ptr<unsigned char[]> out = spliceFrame(frame, rest, path, &frameLength);
     dest.lastActivity = now;
     dest.askedToLeave = false;
+    copyToMonitors(from.id, dest, out.get(), frameLength);
     deliverFrame(dest, std::move(out), frameLength);
     if (frame.type == TYPE_REQUEST && frame.replyExpected && frame.hasRequestId && !dest.dead) {
       notePending(dest, path, frame.requestId);
@@ -110,7 +113,7 @@ void Loader::routeOne(Conn& from, message m, std::vector<unsigned int> to) {
     trace("route", from, target, m);
     dest->lastActivity = getJiffies();
     dest->askedToLeave = false;
-    deliver(*dest, m);
+    deliver(*dest, m, from.id);
     unsigned int requestId;
     if (isRequest(m) && isReplyExpected(m) && getRequestID(m, &requestId) && !dest->dead) {
       notePending(*dest, m.get_u32_array(SYS_FROM), requestId);
@@ -195,6 +198,11 @@ void Loader::loaderCommand(Conn& from, const message& m) {
       body.insert_message_array(STD_OBJS, list);
       break;
     }
+    case kLoaderCmdMonitor:
+      if (!from.monitor) ++monitors_;
+      from.monitor = true;
+      from.monitorPath = m.get_u32_array(SYS_FROM);
+      break;
     case kLoaderCmdLeave: {
       Conn* target = byId(m.get(STD_ID, BADID));
       if (target == nullptr) {
@@ -211,11 +219,45 @@ void Loader::loaderCommand(Conn& from, const message& m) {
   reply(from, m, body);
 }
 
-void Loader::deliver(Conn& to, const message& m) {
+void Loader::deliver(Conn& to, const message& m, unsigned int from) {
   if (to.dead) return;
   uint32_t length;
   std::unique_ptr<unsigned char[]> frame = makeFrame(m, &length);
+  copyToMonitors(from, to, frame.get(), length);
   deliverFrame(to, std::move(frame), length);
+}
+
+void Loader::copyToMonitors(unsigned int from, const Conn& to, const unsigned char* frame,
+                            uint32_t length) {
+  if (monitors_ == 0 || to.monitor) return;
+  const Conn* sender = byId(from);
+  if (sender != nullptr && sender->monitor) return;
+  timeval now;
+  gettimeofday(&now, nullptr);
+  const uint32_t bodyLength = length - kFramePrefixBytes;
+  const uint32_t kept = bodyLength < kMaxMonitorCopy ? bodyLength : kMaxMonitorCopy;
+  message copy;
+  copy.insert(SYS_CMD, kLoaderCmdMonitor);
+  copy.insert(SYS_FROM, std::vector<unsigned int>{kLoaderId});
+  copy.insert_u32(kMonSeconds, static_cast<uint32_t>(now.tv_sec));
+  copy.insert_u32(kMonMicros, static_cast<uint32_t>(now.tv_usec));
+  copy.insert_u32(kMonFrom, from);
+  copy.insert_u32(kMonTo, to.id);
+  copy.insert_raw(kMonFrame, std::vector<unsigned char>(frame + kFramePrefixBytes,
+                                                        frame + kFramePrefixBytes + kept));
+  if (kept < bodyLength) copy.insert_u32(kMonLength, bodyLength);
+  for (auto& entry : conns_) {
+    Conn& monitor = *entry.second;
+    if (!monitor.monitor || monitor.dead) continue;
+    copy.insert(SYS_TO, monitor.monitorPath);
+    uint32_t copyLength;
+    std::unique_ptr<unsigned char[]> out = makeFrame(copy, &copyLength);
+    deliverFrame(monitor, std::move(out), copyLength);
+    if (!monitor.dead && monitor.writer.bytes() > kMaxMonitorQueuedBytes) {
+      cutOff(monitor, "monitor stopped reading (" + std::to_string(monitor.writer.bytes()) +
+                          " bytes queued)");
+    }
+  }
 }
 
 // Small frames wait for the flush before the loop sleeps, as in the Looper. A queue past the

@@ -691,6 +691,94 @@ class LoaderFlowTest : public LoaderTest {
   std::vector<pid_t> children_;
 };
 
+// Monitors get a copy of every frame routed between others, with sender, receiver and
+// time; frames to and from monitors are not copied; a monitor that leaves is simply gone.
+TEST_F(LoaderFlowTest, MonitorsSeeEveryRoutedFrame) {
+  startLoader();
+  startEchoService(5);
+  std::unique_ptr<Process> first = registered(20);
+  std::unique_ptr<Process> second = registered(21);
+  for (Process* m : {first.get(), second.get()}) {
+    m->send(request({kLoaderId}, kLoaderCmdMonitor, 1));
+    message reply;
+    ASSERT_TRUE(m->read(&reply));
+    EXPECT_EQ(errorCode(reply), 0u);
+  }
+  std::unique_ptr<Process> driver = registered(9);
+  // The driver's registration answer, from the loader, is the first copy.
+  for (Process* m : {first.get(), second.get()}) {
+    message copy;
+    ASSERT_TRUE(m->read(&copy));
+    EXPECT_EQ(copy.get_u32(kMonFrom, 0), kLoaderId);
+    EXPECT_EQ(copy.get_u32(kMonTo, 0), 9u);
+  }
+  driver->send(request({5, 2}, CMD_GET, 7));
+  message reply;
+  ASSERT_TRUE(driver->read(&reply));
+  for (Process* m : {first.get(), second.get()}) {
+    message copy;
+    ASSERT_TRUE(m->read(&copy));
+    EXPECT_EQ(copy.get(SYS_CMD, 0), kLoaderCmdMonitor);
+    EXPECT_EQ(copy.get_u32(kMonFrom, 0), 9u);
+    EXPECT_EQ(copy.get_u32(kMonTo, 0), 5u);
+    EXPECT_GT(copy.get_u32(kMonSeconds, 0), 1600000000u);
+    message routed;
+    const std::vector<unsigned char>* body =
+        static_cast<const message&>(copy).get_raw_ref(kMonFrame);
+    ASSERT_NE(body, nullptr);
+    ASSERT_TRUE(routed.unflatten(body->data(), static_cast<unsigned int>(body->size()),
+                                 message::flatten_full));
+    EXPECT_EQ(routed.get(SYS_CMD, 0), CMD_GET);
+    EXPECT_EQ(routed.get_u32_array(SYS_TO), Path({2}));
+    EXPECT_EQ(routed.get_u32_array(SYS_FROM), Path({9, 7})) << "as delivered: the sender in front";
+    ASSERT_TRUE(m->read(&copy));
+    EXPECT_EQ(copy.get_u32(kMonFrom, 0), 5u);
+    EXPECT_EQ(copy.get_u32(kMonTo, 0), 9u);
+  }
+  // A monitor's own requests and their replies are not copied to the others.
+  second->send(request({5, 2}, CMD_GET, 8));
+  ASSERT_TRUE(second->read(&reply));
+  EXPECT_TRUE(first->quiet());
+  // The first monitor leaves: the departure notices to the others are frames like any
+  // other for the second.
+  first.reset();
+  unsigned int departures = 0;
+  for (message m; second->read(&m, 500);) {
+    if (m.get(SYS_CMD, 0) != kLoaderCmdMonitor) continue;
+    EXPECT_EQ(m.get_u32(kMonFrom, 0), kLoaderId);
+    ++departures;
+  }
+  EXPECT_EQ(departures, 2u) << "to 5 and to 9";
+  EXPECT_TRUE(second->answered()) << "a monitor's own traffic is not copied to it";
+}
+
+// A monitor that stops reading is cut off at its own bound; the services' round trips stay
+// fast meanwhile and nobody else is cut off.
+TEST_F(LoaderFlowTest, AStalledMonitorIsCutOffWithoutSlowingTheServices) {
+  startLoader();
+  startEchoService(5);
+  std::unique_ptr<Process> monitor = registered(20);
+  monitor->send(request({kLoaderId}, kLoaderCmdMonitor, 1));
+  std::unique_ptr<Process> driver = registered(9);
+  std::vector<double> roundTrips;
+  for (unsigned int id = 1; id <= 1500; ++id) {
+    const auto t0 = std::chrono::steady_clock::now();
+    driver->send(paddedRequest({5, 2}, id, 4000));
+    message reply;
+    unsigned int got = 0;
+    ASSERT_TRUE(readSkippingDepartures(*driver, &reply, 5000)) << "round trip " << id;
+    ASSERT_TRUE(getRequestID(reply, &got) && got == id);
+    roundTrips.push_back(
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
+  }
+  std::sort(roundTrips.begin(), roundTrips.end());
+  std::cout << "round trips with a stalled monitor: median " << roundTrips[roundTrips.size() / 2]
+            << " ms, slowest " << roundTrips.back() << " ms\n";
+  EXPECT_LT(roundTrips.back(), 1000.0);
+  EXPECT_TRUE(saidSomething("monitor stopped reading")) << "the monitor was not cut off";
+  EXPECT_EQ(errorLines().size(), 1u) << "only the monitor was cut off";
+}
+
 // A process floods service 5 with requests and never reads its replies. The loader keeps
 // routing for everyone, paces the flood at the service's speed, and cuts off the flooder
 // when its unread replies pass the cap; the service survives and the loader gives the
