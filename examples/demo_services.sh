@@ -75,6 +75,17 @@ $msg introspect 5/2 | head -n 4
 echo "  ..."
 $msg introspect 5/2 | tail -n 1
 echo
+echo "== kl-msg monitor CMD_SETOBJ watches the traffic live (here: one change, its request):"
+$msg monitor CMD_SETOBJ >"$root/monitor.out" 2>&1 &
+monitor_pid=$!
+sleep 0.3
+$msg call 5/2 u32:SYS_CMD=CMD_SETOBJ u32:STD_ID=4 string:STD_DESCR=watched >/dev/null
+sleep 0.3
+kill -INT "$monitor_pid"
+wait "$monitor_pid" || true
+sed -e 's/^[0-9:.]*  /TIME  /' -e 's/^\([^ ]*  \)[0-9]* ->/\1ID ->/' "$root/monitor.out" | head -n 1
+grep 'STD_DESCR' "$root/monitor.out"
+echo
 echo "== A path that leads nowhere: one line, exit status 1:"
 if $msg call 5/9 u32:SYS_CMD=CMD_GET; then exit 1; fi
 echo "(exit status 1)"
