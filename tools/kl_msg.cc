@@ -22,6 +22,7 @@
 #include "tools/kl_msg_introspect.h"
 #include "tools/kl_msg_loader.h"
 #include "tools/kl_msg_monitor.h"
+#include "tools/kl_msg_replay.h"
 
 namespace {
 
@@ -84,7 +85,7 @@ const CommandHelp kCommands[] = {
      "        tells none. For PATH 1, the loader, it prints the processes as list\n"
      "        does. With --json all of it is one JSON object.\n",
      false},
-    {"monitor", "kl-msg monitor [--json] [FILTER...]",
+    {"monitor", "kl-msg monitor [--json] [--pcap FILE] [FILTER...]",
      "monitor prints every frame kl-loader routes between processes, live, until\n"
      "        interrupted: the time, the sending process, the receiving path, what it is\n"
      "        (request, reply, message and its command), then its dump; with --json one\n"
@@ -94,7 +95,16 @@ const CommandHelp kCommands[] = {
      "        path with a slash (5/2: frames delivered along it) or a command name\n"
      "        (CMD_SETOBJ: requests and notifications of it); a frame is shown when any\n"
      "        filter matches. Any number of monitors may run; one that stops reading is\n"
-     "        cut off by the loader without slowing the services.\n",
+     "        cut off by the loader without slowing the services. --pcap FILE also\n"
+     "        writes the frames shown to FILE, a pcap capture (link type 147; its\n"
+     "        records are laid out in tools/capture.h) that kl-msg replay reads.\n",
+     false},
+    {"replay", "kl-msg replay FILE PATH",
+     "replay  sends the requests a capture (kl-msg monitor --pcap) recorded for PATH\n"
+     "        again, in order, to the service running now, and compares each reply with\n"
+     "        the recorded one field by field (request ids and paths aside): prints the\n"
+     "        fields that differ and exits 1 when any reply differs. A file that is not\n"
+     "        a capture is an error.\n",
      false},
     {"crash", "kl-msg crash [FILE | -]",
      "crash   reads a crash report (FILE, or standard input when it is - or absent)\n"
@@ -314,5 +324,6 @@ int main(int argc, char** argv) {
   if (command == "introspect") return klmsg::introspectCommand(argc - 2, argv + 2);
   if (command == "crash") return klmsg::crashCommand(argc - 2, argv + 2);
   if (command == "monitor") return klmsg::monitorCommand(argc - 2, argv + 2);
+  if (command == "replay") return klmsg::replayCommand(argc - 2, argv + 2);
   return usage("unknown command '" + command + "' (see kl-msg --help)");
 }

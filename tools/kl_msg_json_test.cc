@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -373,15 +374,20 @@ TEST_F(KlMsgJsonTest, MonitorsShowTheFramesTheirFiltersSelect) {
       << byCommand.text;
   EXPECT_EQ(byCommand.text.find("CMD_NOOP"), std::string::npos) << byCommand.text;
   EXPECT_NE(byCommand.text.find("string [STD_DESCR]=seen"), std::string::npos);
-  // The path filter, in JSON: every line delivered along 5/2, the set request among them.
+  // The path filter, in JSON: every frame delivered along 5/2, the set request among them,
+  // and the replies to them.
   std::istringstream lines(byPath.text);
   bool sawSet = false;
   for (std::string line; std::getline(lines, line);) {
     klmsg::Json j;
     std::string error;
     ASSERT_TRUE(klmsg::parseJson(line, &j, &error)) << line;
-    EXPECT_EQ(j["to"].get<std::string>().rfind("5/2", 0), 0u) << line;
     const kl::message m = messageOf(j["message"].dump());
+    if (kl::getType(m) == kl::TYPE_REPLY) {
+      EXPECT_EQ(j["from"].get<unsigned int>(), 5u) << "a reply to a request shown: " << line;
+    } else {
+      EXPECT_EQ(j["to"].get<std::string>().rfind("5/2", 0), 0u) << line;
+    }
     if (m.get(kl::SYS_CMD, 0) == kl::CMD_SETOBJ) {
       sawSet = true;
       EXPECT_GE(j["from"].get<unsigned int>(), 0x10000u);
@@ -389,6 +395,76 @@ TEST_F(KlMsgJsonTest, MonitorsShowTheFramesTheirFiltersSelect) {
     }
   }
   EXPECT_TRUE(sawSet) << byPath.text;
+}
+
+// A capture of the service's traffic, replayed: the same replies while nothing changed,
+// the changed field named once an object was changed.
+TEST_F(KlMsgJsonTest, ACaptureReplaysAsARegressionTest) {
+  int out[2];
+  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+  const int none = open("/dev/null", O_RDWR | O_CLOEXEC);
+  const std::string capture = path("/traffic.pcap");
+  RunningMonitor monitor;
+  monitor.pid = launch({KL_MSG_PATH, "monitor", "--pcap", capture, "5/2"}, none, out[1], none);
+  monitor.out = out[0];
+  close(none);
+  close(out[1]);
+  for (long long deadline = nowMs() + 5000; monitor.text.empty() && nowMs() < deadline;) {
+    msg({"call", "5/2", "u32:SYS_CMD=CMD_NOOP"});
+    monitor.take();
+  }
+  ASSERT_FALSE(monitor.text.empty()) << "the monitor shows nothing";
+  EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETOBJ", "u32:STD_ID=2"}).status, 0);
+  EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETALL"}).status, 0);
+  usleep(200 * 1000);
+  EXPECT_EQ(monitor.stop(), 0);
+  std::ifstream in(capture, std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  ASSERT_GE(bytes.size(), 24u);
+  EXPECT_EQ(bytes.substr(0, 4), std::string("\xd4\xc3\xb2\xa1", 4)) << "the pcap magic";
+  EXPECT_EQ(bytes.substr(20, 4), std::string("\x93\0\0\0", 4)) << "link type 147";
+
+  Finished same = msg({"replay", capture, "5/2"});
+  EXPECT_EQ(same.status, 0) << same.out << same.err;
+  EXPECT_NE(same.out.find("CMD_GETOBJ: the same reply"), std::string::npos) << same.out;
+  EXPECT_NE(same.out.find("CMD_GETALL: the same reply"), std::string::npos) << same.out;
+  EXPECT_NE(same.out.find(", 0 with differences"), std::string::npos) << same.out;
+
+  EXPECT_EQ(
+      msg({"call", "5/2", "u32:SYS_CMD=CMD_SETOBJ", "u32:STD_ID=2", "string:STD_DESCR=renamed"})
+          .status,
+      0);
+  Finished changed = msg({"replay", capture, "5/2"});
+  EXPECT_EQ(changed.status, 1);
+  EXPECT_NE(changed.out.find("CMD_GETOBJ: a different reply\n"
+                             "  string:STD_DESCR: recorded \"port2\", now \"renamed\"\n"),
+            std::string::npos)
+      << changed.out;
+  EXPECT_NE(changed.out.find(", 2 with differences"), std::string::npos) << changed.out;
+}
+
+TEST_F(KlMsgJsonTest, AFileThatIsNoCaptureIsOneLineAndStatusOne) {
+  const struct {
+    const char* name;
+    std::string bytes;
+  } cases[] = {
+      {"text", "not a capture\n"},
+      {"header cut", std::string("\xd4\xc3\xb2\xa1\x02\0\x04\0", 8)},
+      {"another link type", std::string("\xd4\xc3\xb2\xa1\x02\0\x04\0", 8) + std::string(12, '\0') +
+                                std::string("\x01\0\0\0", 4)},
+      {"record cut", std::string("\xd4\xc3\xb2\xa1\x02\0\x04\0", 8) + std::string(12, '\0') +
+                         std::string("\x93\0\0\0", 4) + std::string(8, '\0') +
+                         std::string("\xff\0\0\0", 4) + std::string(4, '\0') + "abc"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::ofstream(path("/bad.pcap"), std::ios::binary) << c.bytes;
+    const Finished run = msg({"replay", path("/bad.pcap"), "5/2"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err.rfind("kl-msg: not a capture", 0), 0u) << run.err;
+    EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+  }
 }
 
 TEST_F(KlMsgJsonTest, AMonitorFilterThatIsNoneIsAUsageError) {

@@ -5,12 +5,14 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iostream>
 
 #include "kl/base/root.h"
 #include "kl/looper/looper.h"
 #include "kl/message/system.h"
+#include "tools/capture.h"
 #include "tools/field_text.h"
 #include "tools/json_message.h"
 #include "tools/kl_msg_loader.h"
@@ -97,8 +99,11 @@ void printJsonLine(const RoutedFrame& f) {
 // The monitoring process: its one handler (id 1) takes the loader's copies.
 class Monitor : public kl::Looper {
  public:
-  Monitor(const MonitorFilter& filter, bool json)
-      : kl::Looper(kConnect, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0), filter_(filter), json_(json) {
+  Monitor(const MonitorFilter& filter, bool json, CaptureWriter* capture)
+      : kl::Looper(kConnect, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0),
+        filter_(filter),
+        json_(json),
+        capture_(capture) {
     addHandler(1, &copies_);
     copies_.monitor = this;
   }
@@ -129,6 +134,7 @@ class Monitor : public kl::Looper {
       }
       RoutedFrame f;
       if (!parseRoutedFrame(m, &f) || !monitor->filter_.matches(f)) return;
+      if (monitor->capture_ != nullptr) monitor->record(f);
       if (monitor->json_) {
         printJsonLine(f);
       } else {
@@ -138,9 +144,24 @@ class Monitor : public kl::Looper {
     Monitor* monitor = nullptr;
   };
 
+  // Appends the frame to the capture; a failed write ends the monitor with its line.
+  void record(const RoutedFrame& f) {
+    CapturedFrame c;
+    c.seconds = f.seconds;
+    c.micros = f.micros;
+    c.from = f.from;
+    c.to = f.to;
+    c.length = f.length;
+    c.body = f.body;
+    if (capture_->write(c)) return;
+    fail(std::string("the capture could not be written: ") + strerror(errno));
+    shutdown();
+  }
+
   Copies copies_;
   MonitorFilter filter_;
   bool json_;
+  CaptureWriter* capture_;
 };
 
 }  // namespace
@@ -164,8 +185,22 @@ bool MonitorFilter::add(const std::string& text) {
   return true;
 }
 
-bool MonitorFilter::matches(const RoutedFrame& f) const {
+bool MonitorFilter::matches(const RoutedFrame& f) {
   if (processes_.empty() && paths_.empty() && commands_.empty()) return true;
+  const kl::message& m = f.message;
+  if (f.complete && kl::getType(m) == kl::TYPE_REPLY && m.has(kl::SYS_REQID) &&
+      awaited_.erase(std::make_tuple(f.from, f.to, m.get(kl::SYS_REQID, 0))) != 0) {
+    return true;
+  }
+  if (!selects(f)) return false;
+  if (f.complete && kl::getType(m) != kl::TYPE_REPLY && m.has(kl::SYS_REQID) &&
+      m.get_bool(kl::SYS_REPLYEXP, false) && awaited_.size() < 100000) {
+    awaited_.insert(std::make_tuple(f.to, f.from, m.get(kl::SYS_REQID, 0)));
+  }
+  return true;
+}
+
+bool MonitorFilter::selects(const RoutedFrame& f) const {
   for (unsigned int id : processes_) {
     if (f.from == id || f.to == id) return true;
   }
@@ -193,6 +228,8 @@ bool parseRoutedFrame(const kl::message& copy, RoutedFrame* out) {
   out->micros = copy.get_u32(ld::kMonMicros, 0);
   out->from = copy.get_u32(ld::kMonFrom, 0);
   out->to = copy.get_u32(ld::kMonTo, 0);
+  out->body = *frame;
+  out->length = copy.get_u32(ld::kMonLength, static_cast<unsigned int>(frame->size()));
   out->complete = copy.size_u32(ld::kMonLength) == 0 &&
                   out->message.unflatten(frame->data(), static_cast<unsigned int>(frame->size()),
                                          kl::message::flatten_full);
@@ -202,10 +239,14 @@ bool parseRoutedFrame(const kl::message& copy, RoutedFrame* out) {
 
 int monitorCommand(int argc, char** argv) {
   bool json = false;
+  std::string pcap;
   MonitorFilter filter;
   for (int i = 0; i < argc; ++i) {
     if (strcmp(argv[i], "--json") == 0) {
       json = true;
+    } else if (strcmp(argv[i], "--pcap") == 0) {
+      if (i + 1 >= argc) return usage("--pcap needs a FILE");
+      pcap = argv[++i];
     } else if (!filter.add(argv[i])) {
       return usage(std::string("bad filter '") + argv[i] +
                    "': a process id, a path like 5/2 or a command like CMD_SETOBJ");
@@ -213,11 +254,18 @@ int monitorCommand(int argc, char** argv) {
   }
   if (!loaderListening()) return fail("no loader listening on " + kl::rootedPath("/ram/kelosock"));
   setvbuf(stdout, nullptr, _IOLBF, 0);
-  Monitor* monitor = new Monitor(filter, json);
+  CaptureWriter* capture = nullptr;
+  if (!pcap.empty()) {
+    capture = new CaptureWriter;
+    std::string error;
+    if (!capture->open(pcap, &error)) return fail(error);
+  }
+  Monitor* monitor = new Monitor(filter, json, capture);
   if (!monitor->attach()) return kFailed;
   monitor->addSighandler(SIGINT, monitor, Monitor::onStop, true);
   monitor->addSighandler(SIGTERM, monitor, Monitor::onStop, true);
   monitor->run();
+  delete capture;
   return 0;
 }
 

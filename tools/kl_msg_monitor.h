@@ -8,7 +8,9 @@
 #ifndef TOOLS_KL_MSG_MONITOR_H_
 #define TOOLS_KL_MSG_MONITOR_H_
 
+#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kl/message/message.h"
@@ -21,9 +23,12 @@ struct RoutedFrame {
   unsigned int from = 0, to = 0;         // sending and receiving process (1: the loader)
   kl::message message;                   // the frame as delivered; empty when cut short
   bool complete = true;                  // false when the loader sent only its beginning
+  std::vector<unsigned char> body;       // the frame's body, as far as the loader sent it
+  unsigned int length = 0;               // the body's whole length
 };
 
-// Which frames to show. A frame is shown when no filter is given or any one matches.
+// Which frames to show. A frame is shown when no filter is given or any one matches; the
+// reply to a request a path or command filter showed is shown too.
 class MonitorFilter {
  public:
   // Adds a filter: a process id (decimal or 0x hex: its frames either way), a path prefix
@@ -31,9 +36,13 @@ class MonitorFilter {
   // (CMD_SETOBJ, 0xfe000a: requests and notifications with that SYS_CMD). False for text
   // that is none of these.
   bool add(const std::string& text);
-  bool matches(const RoutedFrame& f) const;
+  // Whether `f` is shown; remembers the requests shown, to show their replies.
+  bool matches(const RoutedFrame& f);
 
  private:
+  bool selects(const RoutedFrame& f) const;
+  // Replies awaited: (their sender, their receiver, the request id).
+  std::set<std::tuple<unsigned int, unsigned int, unsigned int>> awaited_;
   std::vector<unsigned int> processes_;
   std::vector<std::vector<unsigned int>> paths_;
   std::vector<unsigned int> commands_;
@@ -42,7 +51,7 @@ class MonitorFilter {
 // The routed frame a monitor copy describes; false when `copy` is not one.
 bool parseRoutedFrame(const kl::message& copy, RoutedFrame* out);
 
-// kl-msg monitor [--json] [FILTER...]
+// kl-msg monitor [--json] [--pcap FILE] [FILTER...]
 int monitorCommand(int argc, char** argv);
 
 }  // namespace klmsg
