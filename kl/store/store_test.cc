@@ -17,6 +17,7 @@
 #include "kl/base/clock.h"
 #include "kl/base/diagnostics.h"
 #include "kl/base/endian.h"
+#include "kl/base/root.h"
 #include "kl/message/system.h"
 #include "kl/runner/runner.h"
 #include "kl/store/wlock.h"
@@ -130,7 +131,10 @@ TEST(StoreInAFreshProcess, WritesADevicePath) {
     Store s(device, 10);
     s.set(7, sized(7, 30));
     s.doFlush();
+    // The lock file goes; a Wlock on the device path makes it again, under the root.
+    unlink((rootedPath(device) + ".lock").c_str());
     Wlock lock(device);
+    EXPECT_EQ(access((rootedPath(device) + ".lock").c_str(), F_OK), 0);
   }
   EXPECT_TRUE(Store(device, 10).get(7) == sized(7, 30));
 }
