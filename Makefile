@@ -24,7 +24,7 @@
 #   make docs        the API reference (Doxygen) in build/docs/html; warnings are errors
 
 ENSURE := scripts/ensure-packages
-HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev nlohmann-json3-dev
+HOST_PACKAGES := cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev nlohmann-json3-dev tshark
 BENCH_PACKAGES := $(HOST_PACKAGES) libbenchmark-dev libprotobuf-dev protobuf-compiler libuv1-dev libevent-dev liblmdb-dev libsystemd-dev dbus
 PPC_PACKAGES := cmake ninja-build g++-powerpc-linux-gnu qemu-user googletest nlohmann-json3-dev
 FUZZ_PACKAGES := cmake ninja-build clang libclang-rt-dev

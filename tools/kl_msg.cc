@@ -106,6 +106,10 @@ const CommandHelp kCommands[] = {
      "        fields that differ and exits 1 when any reply differs. A file that is not\n"
      "        a capture is an error.\n",
      false},
+    {"names", "kl-msg names --lua",
+     "names   prints the field and command names kl-msg knows as the Lua tables that\n"
+     "        tools/wireshark/kl.lua carries (its test checks that the two agree).\n",
+     false},
     {"crash", "kl-msg crash [FILE | -]",
      "crash   reads a crash report (FILE, or standard input when it is - or absent)\n"
      "        and prints it with its backtrace made readable: each address in a\n"
@@ -297,6 +301,28 @@ int encodeCommand(int argc, char** argv) {
 
 }  // namespace
 
+// kl-msg names --lua: the names of the system and standard fields (by number, type bits
+// aside) and of the commands, as two Lua tables.
+int namesCommand(int argc, char** argv) {
+  if (argc != 1 || strcmp(argv[0], "--lua") != 0) return usage("names takes --lua");
+  printf("local FIELD_NAMES = {\n");
+  for (uint32_t space : {0xff0000u, 0xfe0000u, 0xfd0000u}) {
+    for (uint32_t n = 0; n < 0x100; ++n) {
+      if (const char* name = klmsg::fieldName(space | n))
+        printf("  [0x%06x] = \"%s\",\n", space | n, name);
+    }
+  }
+  printf("}\nlocal COMMAND_NAMES = {\n");
+  for (uint32_t space : {0xff0000u, 0xfe0000u, 0xfd0000u}) {
+    for (uint32_t n = 0; n < 0x100; ++n) {
+      if (const char* name = klmsg::commandName(space | n))
+        printf("  [0x%06x] = \"%s\",\n", space | n, name);
+    }
+  }
+  printf("}\n");
+  return 0;
+}
+
 int main(int argc, char** argv) {
   auto isHelp = [](const char* arg) {
     return strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0;
@@ -325,5 +351,6 @@ int main(int argc, char** argv) {
   if (command == "crash") return klmsg::crashCommand(argc - 2, argv + 2);
   if (command == "monitor") return klmsg::monitorCommand(argc - 2, argv + 2);
   if (command == "replay") return klmsg::replayCommand(argc - 2, argv + 2);
+  if (command == "names") return namesCommand(argc - 2, argv + 2);
   return usage("unknown command '" + command + "' (see kl-msg --help)");
 }

@@ -443,6 +443,60 @@ TEST_F(KlMsgJsonTest, ACaptureReplaysAsARegressionTest) {
   EXPECT_NE(changed.out.find(", 2 with differences"), std::string::npos) << changed.out;
 }
 
+// Debian's tshark reads a capture of the example service with tools/wireshark/kl.lua and
+// shows every field by name, type and value, nested messages and arrays opened.
+TEST_F(KlMsgJsonTest, TsharkDissectsACaptureWithTheLuaDissector) {
+  if (system("tshark --version >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "tshark is not installed (make test installs it)";
+  }
+  int out[2];
+  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+  const int none = open("/dev/null", O_RDWR | O_CLOEXEC);
+  const std::string capture = path("/traffic.pcap");
+  RunningMonitor monitor;
+  monitor.pid = launch({KL_MSG_PATH, "monitor", "--pcap", capture, "5/2"}, none, out[1], none);
+  monitor.out = out[0];
+  close(none);
+  close(out[1]);
+  for (long long deadline = nowMs() + 5000; monitor.text.empty() && nowMs() < deadline;) {
+    msg({"call", "5/2", "u32:SYS_CMD=CMD_NOOP"});
+    monitor.take();
+  }
+  ASSERT_FALSE(monitor.text.empty()) << "the monitor shows nothing";
+  EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETOBJ", "u32:STD_ID=2"}).status, 0);
+  EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETALL"}).status, 0);
+  usleep(200 * 1000);
+  EXPECT_EQ(monitor.stop(), 0);
+  const std::string command = "tshark -X lua_script:" KL_SOURCE_DIR "/tools/wireshark/kl.lua -r '" +
+                              capture + "' -V 2>/dev/null";
+  FILE* p = popen(command.c_str(), "r");
+  ASSERT_NE(p, nullptr);
+  std::string text;
+  char chunk[4096];
+  for (size_t n; (n = fread(chunk, 1, sizeof chunk, p)) > 0;) text.append(chunk, n);
+  EXPECT_EQ(pclose(p), 0);
+  for (const char* shown :
+       {"kl message, ", "Field: u32[]:SYS_TO (1 elements)",
+        "Field: u32:SYS_CMD = CMD_GETOBJ (0xfe0002)", "Field: u32:STD_ID = 2 (0x2)",
+        "Field: string:STD_DESCR = \"port2\"", "Field: message[]:STD_OBJS (2 elements)",
+        "Field: [1]", "Field: u32:0x1 = 1500 (0x5dc)", "Field: bool:SYS_REPLYEXP = true"}) {
+    EXPECT_NE(text.find(shown), std::string::npos) << shown << "\n" << text;
+  }
+}
+
+// The dissector carries kl-msg's names: the two must not drift apart.
+TEST_F(KlMsgJsonTest, TheDissectorsNamesAreKlMsgs) {
+  std::ifstream in(KL_SOURCE_DIR "/tools/wireshark/kl.lua");
+  const std::string lua((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t begin = lua.find("-- names begin\n");
+  const size_t end = lua.find("-- names end\n");
+  ASSERT_NE(begin, std::string::npos);
+  ASSERT_NE(end, std::string::npos);
+  const std::string carried = lua.substr(begin + 15, end - begin - 15);
+  EXPECT_EQ(msg({"names", "--lua"}).out, carried)
+      << "run: kl-msg names --lua, and put its output between the markers of kl.lua";
+}
+
 TEST_F(KlMsgJsonTest, AFileThatIsNoCaptureIsOneLineAndStatusOne) {
   const struct {
     const char* name;
