@@ -339,8 +339,10 @@ struct RunningMonitor {
   }
 };
 
-TEST_F(KlMsgJsonTest, MonitorsShowTheFramesTheirFiltersSelect) {
-  auto start = [this](const std::vector<std::string>& args) {
+class KlMsgMonitorTest : public KlMsgJsonTest {
+ protected:
+  // kl-msg monitor with `args`, running.
+  RunningMonitor startMonitor(const std::vector<std::string>& args) {
     int out[2];
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
     const int none = open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -352,15 +354,31 @@ TEST_F(KlMsgJsonTest, MonitorsShowTheFramesTheirFiltersSelect) {
     close(out[1]);
     m.out = out[0];
     return m;
-  };
-  RunningMonitor byCommand = start({"CMD_SETOBJ"});
-  RunningMonitor byPath = start({"--json", "5/2"});
-  // Both are attached once the later one shows a request it selects.
-  for (long long deadline = nowMs() + 5000; byPath.text.empty() && nowMs() < deadline;) {
-    msg({"call", "5/2", "u32:SYS_CMD=CMD_NOOP"});
-    byPath.take();
   }
-  ASSERT_FALSE(byPath.text.empty()) << "the monitor shows nothing";
+  // Calls 5/2 until `m` shows something: it is attached then. False after 5 s.
+  bool attached(RunningMonitor* m) {
+    for (long long deadline = nowMs() + 5000; m->text.empty() && nowMs() < deadline;) {
+      msg({"call", "5/2", "u32:SYS_CMD=CMD_NOOP"});
+      m->take();
+    }
+    return !m->text.empty();
+  }
+  // A capture at `capture` of a get and a get-all of 5/2, by kl-msg monitor --pcap.
+  void captureGetAndGetAll(const std::string& capture) {
+    RunningMonitor monitor = startMonitor({"--pcap", capture, "5/2"});
+    ASSERT_TRUE(attached(&monitor)) << "the monitor shows nothing";
+    EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETOBJ", "u32:STD_ID=2"}).status, 0);
+    EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETALL"}).status, 0);
+    usleep(200 * 1000);
+    EXPECT_EQ(monitor.stop(), 0);
+  }
+};
+
+TEST_F(KlMsgMonitorTest, MonitorsShowTheFramesTheirFiltersSelect) {
+  RunningMonitor byCommand = startMonitor({"CMD_SETOBJ"});
+  RunningMonitor byPath = startMonitor({"--json", "5/2"});
+  // Both are attached once the later one shows a request it selects.
+  ASSERT_TRUE(attached(&byPath)) << "the monitor shows nothing";
   usleep(200 * 1000);
   EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_SETOBJ", "u32:STD_ID=2", "string:STD_DESCR=seen"})
                 .status,
@@ -399,25 +417,9 @@ TEST_F(KlMsgJsonTest, MonitorsShowTheFramesTheirFiltersSelect) {
 
 // A capture of the service's traffic, replayed: the same replies while nothing changed,
 // the changed field named once an object was changed.
-TEST_F(KlMsgJsonTest, ACaptureReplaysAsARegressionTest) {
-  int out[2];
-  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-  const int none = open("/dev/null", O_RDWR | O_CLOEXEC);
+TEST_F(KlMsgMonitorTest, ACaptureReplaysAsARegressionTest) {
   const std::string capture = path("/traffic.pcap");
-  RunningMonitor monitor;
-  monitor.pid = launch({KL_MSG_PATH, "monitor", "--pcap", capture, "5/2"}, none, out[1], none);
-  monitor.out = out[0];
-  close(none);
-  close(out[1]);
-  for (long long deadline = nowMs() + 5000; monitor.text.empty() && nowMs() < deadline;) {
-    msg({"call", "5/2", "u32:SYS_CMD=CMD_NOOP"});
-    monitor.take();
-  }
-  ASSERT_FALSE(monitor.text.empty()) << "the monitor shows nothing";
-  EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETOBJ", "u32:STD_ID=2"}).status, 0);
-  EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETALL"}).status, 0);
-  usleep(200 * 1000);
-  EXPECT_EQ(monitor.stop(), 0);
+  captureGetAndGetAll(capture);
   std::ifstream in(capture, std::ios::binary);
   const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   ASSERT_GE(bytes.size(), 24u);
@@ -445,28 +447,12 @@ TEST_F(KlMsgJsonTest, ACaptureReplaysAsARegressionTest) {
 
 // Debian's tshark reads a capture of the example service with tools/wireshark/kl.lua and
 // shows every field by name, type and value, nested messages and arrays opened.
-TEST_F(KlMsgJsonTest, TsharkDissectsACaptureWithTheLuaDissector) {
+TEST_F(KlMsgMonitorTest, TsharkDissectsACaptureWithTheLuaDissector) {
   if (system("tshark --version >/dev/null 2>&1") != 0) {
     GTEST_SKIP() << "tshark is not installed (make test installs it)";
   }
-  int out[2];
-  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-  const int none = open("/dev/null", O_RDWR | O_CLOEXEC);
   const std::string capture = path("/traffic.pcap");
-  RunningMonitor monitor;
-  monitor.pid = launch({KL_MSG_PATH, "monitor", "--pcap", capture, "5/2"}, none, out[1], none);
-  monitor.out = out[0];
-  close(none);
-  close(out[1]);
-  for (long long deadline = nowMs() + 5000; monitor.text.empty() && nowMs() < deadline;) {
-    msg({"call", "5/2", "u32:SYS_CMD=CMD_NOOP"});
-    monitor.take();
-  }
-  ASSERT_FALSE(monitor.text.empty()) << "the monitor shows nothing";
-  EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETOBJ", "u32:STD_ID=2"}).status, 0);
-  EXPECT_EQ(msg({"call", "5/2", "u32:SYS_CMD=CMD_GETALL"}).status, 0);
-  usleep(200 * 1000);
-  EXPECT_EQ(monitor.stop(), 0);
+  captureGetAndGetAll(capture);
   const std::string command = "tshark -X lua_script:" KL_SOURCE_DIR "/tools/wireshark/kl.lua -r '" +
                               capture + "' -V 2>/dev/null";
   FILE* p = popen(command.c_str(), "r");
