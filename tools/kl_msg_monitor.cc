@@ -222,7 +222,7 @@ bool MonitorFilter::selects(const RoutedFrame& f) const {
 
 bool parseRoutedFrame(const kl::message& copy, RoutedFrame* out) {
   const std::vector<unsigned char>* frame = copy.get_raw_ref(ld::kMonFrame);
-  if (frame == nullptr || !copy.size_u32(ld::kMonFrom) != 0 || !copy.size_u32(ld::kMonTo) != 0)
+  if (frame == nullptr || copy.size_u32(ld::kMonFrom) == 0 || copy.size_u32(ld::kMonTo) == 0)
     return false;
   out->seconds = copy.get_u32(ld::kMonSeconds, 0);
   out->micros = copy.get_u32(ld::kMonMicros, 0);

@@ -1,6 +1,8 @@
 // The interposed system calls of kl/testing/io_faults.h. This file declares the calls
 // itself instead of including <unistd.h> and <stdio.h>, whose declarations carry attributes
-// a definition in C++ cannot repeat; the signatures are the C library's.
+// a definition in C++ cannot repeat; the signatures are the C library's, noexcept where the
+// C library's headers declare them so (a compiler may have seen those through another
+// header).
 #include "kl/testing/io_faults.h"
 
 #include <dlfcn.h>
@@ -16,10 +18,10 @@ ssize_t read(int fd, void* buf, size_t n);
 ssize_t pread(int fd, void* buf, size_t n, off_t offset);
 ssize_t write(int fd, const void* buf, size_t n);
 ssize_t pwrite(int fd, const void* buf, size_t n, off_t offset);
-off_t lseek(int fd, off_t offset, int whence);
+off_t lseek(int fd, off_t offset, int whence) noexcept;
 int fsync(int fd);
-int ftruncate(int fd, off_t length);
-int rename(const char* from, const char* to);
+int ftruncate(int fd, off_t length) noexcept;
+int rename(const char* from, const char* to) noexcept;
 int close(int fd);
 }
 
@@ -201,7 +203,7 @@ ssize_t pwritev(int fd, const struct iovec* iov, int count, off_t offset) {
   return real(fd, iov, count, offset);
 }
 
-off_t lseek(int fd, off_t offset, int whence) {
+off_t lseek(int fd, off_t offset, int whence) noexcept {
   static const auto real = kl::testing::next<off_t (*)(int, off_t, int)>("lseek");
   if (kl::testing::watchedFd(fd)) {
     if (const IoFault* f = kl::testing::count("lseek")) return kl::testing::fail(*f);
@@ -219,7 +221,7 @@ int fsync(int fd) {
   return real(fd);
 }
 
-int ftruncate(int fd, off_t length) {
+int ftruncate(int fd, off_t length) noexcept {
   static const auto real = kl::testing::next<int (*)(int, off_t)>("ftruncate");
   if (kl::testing::watchedFd(fd)) {
     if (const IoFault* f = kl::testing::count("ftruncate")) {
@@ -229,7 +231,7 @@ int ftruncate(int fd, off_t length) {
   return real(fd, length);
 }
 
-int rename(const char* from, const char* to) {
+int rename(const char* from, const char* to) noexcept {
   static const auto real = kl::testing::next<int (*)(const char*, const char*)>("rename");
   if (kl::testing::watchedPath(from)) {
     if (const IoFault* f = kl::testing::count("rename")) {

@@ -41,6 +41,9 @@ void makeDirs(const std::string& path) {
 }
 
 std::string failureText(FrameFailure what, long result, int err) {
+  // A process that ends with frames for it unread (a monitor stopped with Ctrl-C while
+  // the traffic goes on) resets its connection: that too is an ordinary departure.
+  if (what != FrameFailure::kTooLarge && (err == ECONNRESET || err == EPIPE)) return std::string();
   switch (what) {
     case FrameFailure::kReadEof:
       return std::string();  // an ordinary departure

@@ -752,6 +752,24 @@ TEST_F(LoaderFlowTest, MonitorsSeeEveryRoutedFrame) {
   EXPECT_TRUE(second->answered()) << "a monitor's own traffic is not copied to it";
 }
 
+// A monitor that ends with copies unread resets its connection: an ordinary departure,
+// without a line on the loader's error stream.
+TEST_F(LoaderFlowTest, AMonitorEndingWithCopiesUnreadLeavesQuietly) {
+  startLoader();
+  startEchoService(5);
+  std::unique_ptr<Process> monitor = registered(20);
+  monitor->send(request({kLoaderId}, kLoaderCmdMonitor, 1));
+  std::unique_ptr<Process> driver = registered(9);
+  for (unsigned int id = 1; id <= 200; ++id) {
+    driver->send(paddedRequest({5, 2}, id, 1000));
+    message reply;
+    ASSERT_TRUE(readSkippingDepartures(*driver, &reply, 5000));
+    if (id == 100) monitor.reset();
+  }
+  EXPECT_TRUE(driver->answered());
+  EXPECT_EQ(errorLines(), std::vector<std::string>());
+}
+
 // A monitor that stops reading is cut off at its own bound; the services' round trips stay
 // fast meanwhile and nobody else is cut off.
 TEST_F(LoaderFlowTest, AStalledMonitorIsCutOffWithoutSlowingTheServices) {
